@@ -1,0 +1,14 @@
+# Everything comes from the distribution's packages; nothing is downloaded.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+pkg_check_modules(GSTREAMER REQUIRED IMPORTED_TARGET
+  gstreamer-1.0>=1.22 gstreamer-base-1.0 gstreamer-video-1.0 gstreamer-app-1.0)
+pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
+find_package(spdlog REQUIRED)
+
+# libyuv ships no pkg-config file.
+find_path(LIBYUV_INCLUDE_DIR libyuv.h REQUIRED)
+find_library(LIBYUV_LIBRARY yuv REQUIRED)
+add_library(libyuv UNKNOWN IMPORTED)
+set_target_properties(libyuv PROPERTIES IMPORTED_LOCATION ${LIBYUV_LIBRARY}
+  INTERFACE_INCLUDE_DIRECTORIES ${LIBYUV_INCLUDE_DIR})

@@ -1,0 +1,180 @@
+/**
+ * velstream-gst: live video streams through GStreamer, every decoded RGB frame in the application's callback.
+ *
+ * One JSON file describes the streams; an application names a stream by its id. Every call that starts a stream
+ * blocks its caller until the stream ends, so an application runs each stream on a thread of its own and stops it
+ * from another thread with gstreamer_pipeline_shutdown().
+ *
+ * Results are 0 for success and -1 for failure. The library throws nothing of its own; exceptions of the standard
+ * library and of jsoncpp (a configuration file that is not JSON, a value of the wrong JSON type) pass through unchanged.
+ */
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace Quorvis::VelStream {
+
+/// Where a stream's frames go beside the callback. Mapped from `StreamIns::outputType`.
+enum StreamType {
+    STREAM_TYPE_NONE = 0,    ///< No display: frames go to the callback only.
+    STREAM_TYPE_WAYLAND = 1, ///< "wayland": on the Wayland display.
+    STREAM_TYPE_RTSP = 2,    ///< "rtsp": pushed to an RTSP server.
+    STREAM_TYPE_RTMP = 3,    ///< "rtmp": not reachable through the start functions; they return -1 for it.
+    STREAM_TYPE_MP4 = 4,     ///< "mp4": written to an MP4 file.
+};
+
+/// What a composition does with its canvas. Values 0 to 3 are accepted and start nothing.
+enum ScenarioType {
+    SCENARIO_FILE = 4,          ///< Saved to file only.
+    SCENARIO_COMPOSE_ONLY = 5,  ///< Neither file nor push.
+    SCENARIO_FILE_AND_RTSP = 6, ///< File and RTSP push.
+    SCENARIO_RTSP = 7,          ///< RTSP push.
+};
+
+/// Kinds of task that describe a composition.
+enum TaskType {
+    TASK_ADD_INPUT = 0,       ///< Adds a sub-stream input.
+    TASK_ADD_OUTPUT = 1,      ///< Adds an encoded output.
+    TASK_RTSP = 2,            ///< An RTSP declaration: validated, then refused.
+    InferenceCB = 3,          ///< A callback kind: nothing to add.
+    TASK_SET_MAIN_OUTPUT = 4, ///< Sets the main output.
+    CustomCB = 5,             ///< A callback kind: nothing to add.
+    TASK_SET_MODEL = 6,       ///< Sets the detection model.
+};
+
+/// Levels for set_log_level(). A line is written when its own level (0 information, 1 warning, 2 error) is not below
+/// the level that results; above 2 nothing is written.
+enum GSTLogLevel {
+    GST_LOG_LEVEL_ALL = 0,     ///< Passed on as 0: information, warnings and errors.
+    GST_LOG_LEVEL_WARNING = 1, ///< Passed on as 1: warnings and errors.
+    GST_LOG_LEVEL_ERROR = 2,   ///< Passed on as 2: errors only.
+    GST_LOG_LEVEL_NONE = 3,    ///< Passed on as 5: nothing.
+    GST_LOG_LEVEL_SILENT = 4,  ///< Passed on as 4: nothing.
+};
+
+/// One stream, as the application describes it or as the configuration file does.
+struct StreamIns {
+    StreamIns();
+    StreamIns(const StreamIns&) = default;
+    StreamIns(StreamIns&&) = default;
+    StreamIns& operator=(const StreamIns&) = default;
+    StreamIns& operator=(StreamIns&&) = default;
+    ~StreamIns();
+
+    std::string streamsId;  ///< Stream id; default "empty".
+    std::string pStreamId;  ///< Id of the parent stream that a derived stream re-encodes; default "empty_p".
+    int32_t width;          ///< Frame width in pixels; default 0.
+    int32_t height;         ///< Frame height in pixels; default 0.
+    std::string inputType;  ///< "file", "rtsp", "rtmp", "usbcam" or "splice".
+    std::string inputAddr;  ///< Input file path, URL or device.
+    std::string outputType; ///< "wayland", "rtsp", "rtmp" or "mp4"; anything else: no display.
+    std::string outputAddr; ///< Push URL or output file path.
+    std::string decodeType; ///< "H264" (default) or "H265", upper case, compared exactly.
+    std::string encodeType; ///< "H264" (default) or "H265", upper case, compared exactly.
+    bool audio;             ///< Audio pass-through; default false.
+    bool saveMp4;           ///< Re-encodes the parent's frames into an MP4 file; default false.
+    bool networkPush;       ///< Re-encodes the parent's frames and pushes them; default false.
+    std::string outputFile; ///< File of the MP4-saving output; default "/tmp/saved_output.mp4".
+    int32_t fps;            ///< Output frame rate of the network push, frames a second; default 0.
+    bool manualRebuild;     ///< True (default): a pipeline that ended is left for the application to restart.
+                            ///< False: it is rebuilt in place.
+    bool rollingsave;       ///< Rolling segment recording; default false.
+    int32_t reserved;       ///< Not read and not copied by the library; default -1.
+};
+
+/**
+ * One frame, as a callback gets it. Valid only during the callback: `data` points into the mapped GStreamer buffer and
+ * may be read and written in place.
+ */
+struct Image {
+    Image();
+    Image(const Image&) = default;
+    Image(Image&&) = default;
+    Image& operator=(const Image&) = default;
+    Image& operator=(Image&&) = default;
+    ~Image();
+
+    std::string streamId;          ///< Id of the stream that produced the frame.
+    uint8_t* data = nullptr;       ///< Packed RGB, 3 bytes a pixel, `height` rows of 3 x `width` bytes.
+    int32_t reserved0 = 0;         ///< Not written by the library.
+    int32_t reserved1 = 0;         ///< Not written by the library.
+    int32_t reserved2 = 0;         ///< Not written by the library.
+    int32_t width = 0;             ///< Frame width in pixels.
+    int32_t height = 0;            ///< Frame height in pixels.
+    int32_t alignedWidth = 0;      ///< Pixels in a buffer row; set on the "v4l2" and "ub2404" platforms.
+    int32_t alignedHeight = 0;     ///< Rows in the buffer; set on the "v4l2" and "ub2404" platforms.
+    uint64_t size = 0;             ///< Bytes at `data`.
+    double fps = 0.0;              ///< Measured frames a second, refreshed at most once a second; 0 before that.
+    int32_t format = 0;            ///< Always 0.
+    int64_t frameIndex = 0;        ///< Frames seen since the stream was started; the first frame has 1.
+    std::string timestamp;         ///< Presentation time "h:mm:ss.nnnnnnnnn"; set on "v4l2" and "ub2404".
+    int32_t planeStride = 0;       ///< Bytes in a row of the first plane; pushed H.265 decoding only.
+    int32_t planeHeight = 0;       ///< Rows of the first plane; pushed H.265 decoding only.
+    int64_t pts = 0;               ///< Presentation time in ns, -1 for none; pushed H.265 decoding only.
+    std::string extra;             ///< Pixel format name of `data`; empty means packed RGB.
+};
+
+/// An application's frame callback. It runs on a streaming thread, one call at a time a stream, and holds the stream up
+/// while it runs. The result is ignored.
+using FrameCallback = std::function<int8_t(const Image&)>;
+
+/// Path of the configuration file that the entry points read, afresh at every call. The text that it points to must
+/// outlive every call; set it before the first stream starts.
+extern const char* g_stream_conf_file;
+/// The same for the pipeline builders: set both.
+extern const char* stream_conf_file;
+
+/**
+ * Starts a stream that the configuration file describes and blocks until it ends.
+ * @param stream_id  the "streamsId" of the entry.
+ * @param callback   called with every frame; borrowed, and copied where it is kept.
+ * @return 0 ended normally; -1 not found, not startable, or ended with a failure.
+ */
+int start_stream(std::string stream_id, std::function<int8_t(const Image&)>& callback);
+
+/// Starts a stream that the caller describes, without reading its entry, and blocks until it ends. Results as
+/// start_stream().
+int start(StreamIns& ins, std::function<int8_t(const Image&)>& callback);
+
+/**
+ * Fills `ins` from the configuration file.
+ * @return 0 found; -1 the file cannot be opened, the id is not in it, or a mandatory key is missing. Fields that were
+ *         read before a failure stay filled.
+ */
+int get_properties(std::string stream_id, StreamIns& ins);
+
+/// Stops the stream with this id, or every stream for "all_stream". Callable from any thread but a frame callback; the
+/// stream's start call returns within a second of this call's return. An unknown id and a second stop are harmless.
+void gstreamer_pipeline_shutdown(std::string stream_id);
+
+/**
+ * Starts a stream from an MP4 file and blocks until it ends.
+ * @param input_addr   path of the file.
+ * @param callback     called with every frame.
+ * @param type         where the frames go beside the callback.
+ * @param output_addr  push URL or output file path; read for the types that have one.
+ * @param width,height size of the display window or of the output, in pixels; 0 takes the video's own.
+ * @param stream_id    names the pipeline; "empty" takes a fallback name.
+ * @return 0 ended normally; -1 not built, not supported, or ended with a failure.
+ */
+int start_stream_input_file(std::string input_addr, std::function<int8_t(const Image&)> callback, StreamType type,
+                            std::string output_addr, int width, int height, std::string stream_id);
+/// The same from an RTSP source; `input_addr` is its URL.
+int start_stream_input_rtsp(std::string input_addr, std::function<int8_t(const Image&)> callback, StreamType type,
+                            std::string output_addr, int width, int height, std::string stream_id);
+/// The same from an RTMP source; `input_addr` is its URL.
+int start_stream_input_rtmp(std::string input_addr, std::function<int8_t(const Image&)> callback, StreamType type,
+                            std::string output_addr, int width, int height, std::string stream_id);
+
+/// Always -1, whatever is running.
+int get_stream_status();
+
+/// Sets the level of this library's log.
+void set_log_level(GSTLogLevel level);
+
+/// Directs this library's log into the file at `path`.
+void clogger(const char* path);
+
+} // namespace Quorvis::VelStream

@@ -1,0 +1,17 @@
+// What each source of the plug-in registers. All elements have rank NONE: they run only where they are named.
+#pragma once
+
+#include <gst/gst.h>
+
+namespace velstream::software {
+
+/// "qtivtransform".
+gboolean register_vtransform(GstPlugin* plugin);
+/// "qtivdec", "qtic2vdec", "v4l2h264dec", "v4l2h265dec".
+gboolean register_decoders(GstPlugin* plugin);
+/// "qtic2venc", "v4l2h264enc", "v4l2h265enc".
+gboolean register_encoders(GstPlugin* plugin);
+/// Lets "waylandsink" answer to the platform's own properties and caps inside this process.
+gboolean register_waylandsink(GstPlugin* plugin);
+
+} // namespace velstream::software
