@@ -6,7 +6,8 @@
  * from another thread with gstreamer_pipeline_shutdown().
  *
  * Results are 0 for success and -1 for failure. The library throws nothing of its own; exceptions of the standard
- * library and of jsoncpp (a configuration file that is not JSON, a value of the wrong JSON type) pass through unchanged.
+ * library and of jsoncpp (a configuration file that is not JSON, a value of the wrong JSON type) pass through
+ * unchanged.
  */
 #pragma once
 
@@ -96,24 +97,24 @@ struct Image {
     Image& operator=(Image&&) = default;
     ~Image();
 
-    std::string streamId;          ///< Id of the stream that produced the frame.
-    uint8_t* data = nullptr;       ///< Packed RGB, 3 bytes a pixel, `height` rows of 3 x `width` bytes.
-    int32_t reserved0 = 0;         ///< Not written by the library.
-    int32_t reserved1 = 0;         ///< Not written by the library.
-    int32_t reserved2 = 0;         ///< Not written by the library.
-    int32_t width = 0;             ///< Frame width in pixels.
-    int32_t height = 0;            ///< Frame height in pixels.
-    int32_t alignedWidth = 0;      ///< Pixels in a buffer row; set on the "v4l2" and "ub2404" platforms.
-    int32_t alignedHeight = 0;     ///< Rows in the buffer; set on the "v4l2" and "ub2404" platforms.
-    uint64_t size = 0;             ///< Bytes at `data`.
-    double fps = 0.0;              ///< Measured frames a second, refreshed at most once a second; 0 before that.
-    int32_t format = 0;            ///< Always 0.
-    int64_t frameIndex = 0;        ///< Frames seen since the stream was started; the first frame has 1.
-    std::string timestamp;         ///< Presentation time "h:mm:ss.nnnnnnnnn"; set on "v4l2" and "ub2404".
-    int32_t planeStride = 0;       ///< Bytes in a row of the first plane; pushed H.265 decoding only.
-    int32_t planeHeight = 0;       ///< Rows of the first plane; pushed H.265 decoding only.
-    int64_t pts = 0;               ///< Presentation time in ns, -1 for none; pushed H.265 decoding only.
-    std::string extra;             ///< Pixel format name of `data`; empty means packed RGB.
+    std::string streamId;      ///< Id of the stream that produced the frame.
+    uint8_t* data = nullptr;   ///< Packed RGB, 3 bytes a pixel, `height` rows of 3 x `width` bytes.
+    int32_t reserved0 = 0;     ///< Not written by the library.
+    int32_t reserved1 = 0;     ///< Not written by the library.
+    int32_t reserved2 = 0;     ///< Not written by the library.
+    int32_t width = 0;         ///< Frame width in pixels.
+    int32_t height = 0;        ///< Frame height in pixels.
+    int32_t alignedWidth = 0;  ///< Pixels in a buffer row; set on the "v4l2" and "ub2404" platforms.
+    int32_t alignedHeight = 0; ///< Rows in the buffer; set on the "v4l2" and "ub2404" platforms.
+    uint64_t size = 0;         ///< Bytes at `data`.
+    double fps = 0.0;          ///< Measured frames a second, refreshed at most once a second; 0 before that.
+    int32_t format = 0;        ///< Always 0.
+    int64_t frameIndex = 0;    ///< Frames seen since the stream was started; the first frame has 1.
+    std::string timestamp;     ///< Presentation time "h:mm:ss.nnnnnnnnn"; set on "v4l2" and "ub2404".
+    int32_t planeStride = 0;   ///< Bytes in a row of the first plane; pushed H.265 decoding only.
+    int32_t planeHeight = 0;   ///< Rows of the first plane; pushed H.265 decoding only.
+    int64_t pts = 0;           ///< Presentation time in ns, -1 for none; pushed H.265 decoding only.
+    std::string extra;         ///< Pixel format name of `data`; empty means packed RGB.
 };
 
 /// An application's frame callback. It runs on a streaming thread, one call at a time a stream, and holds the stream up

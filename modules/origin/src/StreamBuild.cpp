@@ -1,0 +1,110 @@
+#include "StreamBuild.h"
+
+#include "ElementTools.h"
+#include "Log.h"
+#include "Platform.h"
+#include "StreamBuildRegistry.h"
+#include "StreamBuildScope.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace Quorvis::VelStream {
+
+std::atomic<bool> running{true};
+int32_t g_fps = 25;
+int32_t g_buffer_count = 4;
+
+namespace {
+
+/// Writes only what differs: other streams' threads may be reading the environment.
+void set_environment(const char* name, const char* value)
+{
+    const char* current = std::getenv(name);
+    if (!current || std::strcmp(current, value) != 0) setenv(name, value, 1);
+}
+
+void unset_environment(const char* name)
+{
+    if (std::getenv(name)) unsetenv(name);
+}
+
+void set_platform_environment()
+{
+    if (platform() == "v4l2") {
+        set_environment("WAYLAND_DISPLAY", "wayland-1");
+        set_environment("XDG_RUNTIME_DIR", "/dev/socket/weston");
+    } else if (platform() == "6490") {
+        const char* plugins = "/opt/ubun20/usr/lib/aarch64-linux-gnu/gstreamer-1.0:"
+                              "/usr/lib/aarch64-linux-gnu/gstreamer-1.0";
+        set_environment("GST_PLUGIN_SYSTEM_PATH", plugins);
+        set_environment("GST_PLUGIN_PATH", plugins);
+        set_environment("GST_PLUGIN_SCANNER",
+                        "/opt/ubun20/usr/lib/aarch64-linux-gnu/gstreamer1.0/gstreamer-1.0/gst-plugin-scanner");
+        unset_environment("GST_REGISTRY");
+        unset_environment("GST_REGISTRY_1_0");
+    }
+}
+
+void fill(PiplineData* data, std::string stream_id, std::function<int8_t(const Image&)>& callback)
+{
+    data->frameCount = 0;
+    data->lastTime = system_time();
+    data->callback = std::move(callback);
+    callback = nullptr;
+    data->streamId = std::move(stream_id);
+    data->image.frameIndex = 0;
+}
+
+ElementPtr build_output(StreamOutput* output)
+{
+    if (output) return share(output->build());
+    VEL_LOG_INFO("streamOutput is set to fakesink due to streamOutput is nullptr.");
+    return make_element("fakesink");
+}
+
+int run_on_platform(PiplineData* data, GstElement* input, GstElement* output)
+{
+    if (platform() == "v4l2") return start_6490_ql(data, input, output);
+    if (platform() == "ub2404") return start_ub2404(data, input, output);
+    return start(data, input, output);
+}
+
+} // namespace
+
+int pipeline_data_init(PiplineData* data, std::string stream_id, std::function<int8_t(const Image&)>& callback)
+{
+    fill(data, std::move(stream_id), callback);
+    if (data->pipeline) return 0;
+    VEL_LOG_ERROR("pipeline couldn't be created due to pipeline is nullptr.");
+    return -1;
+}
+
+int startStream(StreamInput* input, StreamOutput* output, std::string stream_id,
+                std::function<int8_t(const Image&)>& callback)
+{
+    set_platform_environment();
+    gst_init(nullptr, nullptr);
+
+    PiplineData data;
+    fill(&data, stream_id, callback);
+    data.pipeline = gst_pipeline_new(stream_id.c_str());
+    if (!data.pipeline) {
+        VEL_LOG_ERROR("pipeline couldn't be created due to pipeline is nullptr.\n");
+        return -1;
+    }
+    register_pipeline(stream_id, data.pipeline);
+    VEL_LOG_INFO("Registration pipeline for stream id: %s", stream_id.c_str());
+    // Holds the pipeline until a runner takes it over, so that a builder's exception releases it too.
+    RunScope scope(&data);
+
+    if (!input) {
+        VEL_LOG_ERROR("streamInput couldn't be created due to streamInput is nullptr.");
+        return -1;
+    }
+    const ElementPtr input_element = share(input->build());
+    const ElementPtr output_element = build_output(output);
+    return run_on_platform(&data, input_element.get(), output_element.get()) == -1 ? -1 : 0;
+}
+
+} // namespace Quorvis::VelStream

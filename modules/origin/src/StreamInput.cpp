@@ -1,0 +1,33 @@
+#include "StreamInput.h"
+
+#include "BuilderList.h"
+#include "Handles.h"
+#include "StreamBuild.h"
+
+#include <utility>
+
+namespace Quorvis::VelStream {
+
+StreamInput::StreamInput(std::string input_addr, std::string stream_id) : input_addr_(std::move(input_addr))
+{
+    stream_id_ = std::move(stream_id);
+    bin_name_ = "velstream_input_file_" + stream_id_;
+    note_stream_id(stream_id_);
+}
+
+StreamInput::~StreamInput() = default;
+
+bool carries_h264_or_h265(GstPad* pad)
+{
+    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    if (!caps || gst_caps_is_empty(caps.get()) || gst_caps_is_any(caps.get())) return false;
+    const char* name = gst_structure_get_name(gst_caps_get_structure(caps.get(), 0));
+    return g_str_has_prefix(name, "video/x-h264") || g_str_has_prefix(name, "video/x-h265");
+}
+
+void keep_builder(StreamInput* builder)
+{
+    BuilderList<StreamInput>::keep(builder);
+}
+
+} // namespace Quorvis::VelStream

@@ -1,0 +1,56 @@
+#include "StreamInput.h"
+
+#include "ElementTools.h"
+#include "Log.h"
+#include "StreamCommon.h"
+
+namespace Quorvis::VelStream {
+
+namespace {
+
+ElementPtr make_logged_parser(const std::string& codec)
+{
+    // Kept: the text says h264 for H.265 too.
+    if (codec == "H265")
+        VEL_LOG_INFO("Input rtsp is h264. Including h265parse.");
+    else
+        VEL_LOG_INFO("Input rtsp is h264. Including h264parse.");
+    return make_parser(codec);
+}
+
+} // namespace
+
+GstElement* StreamInputFile::build()
+{
+    ElementPtr bin(gst_bin_new(bin_name_.c_str())); // floating on purpose
+    const ElementPtr source = make_element("filesrc", "queue_input_src");
+    set_property(source.get(), "location", input_addr_);
+    const ElementPtr demux = make_element("qtdemux");
+    const ElementPtr queue = make_element("queue");
+    const std::string codec = get_decode_type(stream_id_);
+    const ElementPtr parser = make_logged_parser(codec);
+    const ElementPtr decoder = make_decoder(platform_row(kDecoders), codec);
+    if (!bin || !source || !demux || !queue || !parser || !decoder) {
+        VEL_LOG_ERROR("Not all elements could be created.");
+        return nullptr;
+    }
+    add_all(bin.get(), {source.get(), demux.get(), queue.get(), parser.get(), decoder.get()});
+    if (!link_steps({{source.get(), demux.get(), "Failed to link filesrc and qtdemux. Exiting."},
+                     {queue.get(), parser.get(), "Failed to link queue and h26xparse. Exiting."},
+                     {parser.get(), decoder.get(), "Failed to link h26xparse and videoconvert. Exiting."}}))
+        return nullptr;
+    g_signal_connect_data(demux.get(), "pad-added", G_CALLBACK(cb_qtdemux_pad_added), queue.get(), nullptr,
+                          GConnectFlags{});
+    createSrcPad(bin.get(), decoder.get());
+    return bin.release();
+}
+
+void cb_qtdemux_pad_added(GstElement*, GstPad* pad, GstElement* queue)
+{
+    if (!carries_h264_or_h265(pad)) return;
+    const PadPtr sink(gst_element_get_static_pad(queue, "sink"));
+    // A second video track is tried too and refused, since the queue is linked by then.
+    gst_pad_link(pad, sink.get());
+}
+
+} // namespace Quorvis::VelStream

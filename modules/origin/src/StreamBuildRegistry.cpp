@@ -1,0 +1,210 @@
+#include "StreamBuildRegistry.h"
+
+#include "StreamBuild.h"
+
+#include <algorithm>
+
+namespace Quorvis::VelStream {
+
+std::map<std::string, GstElement*> pipeline_map;
+GstElement* pipeline_s = nullptr;
+std::string g_stream_id;
+
+namespace {
+
+struct OpenRun {
+    std::string stream_id;
+    GstElement* pipeline; // borrowed from the runner; null while it is being rebuilt
+    std::shared_ptr<StreamRun> run;
+};
+
+// Guards what is above and below; never held across a GStreamer call that can block. Neither is ever destroyed: streams
+// may still end while the process leaves main().
+std::mutex& registry_mutex()
+{
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+
+std::vector<OpenRun>& open_runs()
+{
+    static auto* runs = new std::vector<OpenRun>;
+    return *runs;
+}
+
+ElementPtr reference(GstElement* pipeline)
+{
+    return ElementPtr(pipeline ? GST_ELEMENT(gst_object_ref(pipeline)) : nullptr);
+}
+
+std::vector<OpenRun>::iterator find_open(GstElement* pipeline)
+{
+    return std::find_if(open_runs().begin(), open_runs().end(),
+                        [pipeline](const OpenRun& open) { return pipeline && open.pipeline == pipeline; });
+}
+
+std::vector<OpenRun>::iterator find_open(const StreamRun* run)
+{
+    return std::find_if(open_runs().begin(), open_runs().end(),
+                        [run](const OpenRun& open) { return open.run.get() == run; });
+}
+
+std::shared_ptr<StreamRun> open_run(const std::string& stream_id, GstElement* pipeline)
+{
+    auto run = std::make_shared<StreamRun>();
+    open_runs().push_back({stream_id, pipeline, run});
+    return run;
+}
+
+bool is_among(const std::vector<StopTarget>& targets, const StreamRun* run)
+{
+    return std::any_of(targets.begin(), targets.end(), [run](const StopTarget& t) { return t.run.get() == run; });
+}
+
+void clear_pointers(GstElement* pipeline)
+{
+    for (auto& [id, registered] : pipeline_map) {
+        if (registered == pipeline) registered = nullptr;
+    }
+    if (pipeline_s == pipeline) pipeline_s = nullptr;
+}
+
+} // namespace
+
+void StreamRun::ask_stop(bool has_pipeline)
+{
+    const std::lock_guard lock(mutex_);
+    is_stop_asked_ = true;
+    is_end_in_flight_ = is_end_in_flight_ || has_pipeline;
+    changed_.notify_all();
+}
+
+void StreamRun::note_end()
+{
+    const std::lock_guard lock(mutex_);
+    is_ended_ = true;
+    changed_.notify_all();
+}
+
+void StreamRun::note_stopped()
+{
+    const std::lock_guard lock(mutex_);
+    is_stopped_ = true;
+    changed_.notify_all();
+}
+
+bool StreamRun::is_stop_asked() const
+{
+    const std::lock_guard lock(mutex_);
+    return is_stop_asked_;
+}
+
+bool StreamRun::is_stopped() const
+{
+    const std::lock_guard lock(mutex_);
+    return is_stopped_ || (is_stop_asked_ && !is_end_in_flight_);
+}
+
+void StreamRun::wait_for_end(std::chrono::steady_clock::time_point deadline)
+{
+    std::unique_lock lock(mutex_);
+    changed_.wait_until(lock, deadline, [this] { return is_ended_; });
+}
+
+bool StreamRun::sleep_unless_stopped(std::chrono::milliseconds duration)
+{
+    std::unique_lock lock(mutex_);
+    return !changed_.wait_for(lock, duration, [this] { return is_stop_asked_; });
+}
+
+void note_stream_id(const std::string& stream_id)
+{
+    const std::lock_guard lock(registry_mutex());
+    g_stream_id = stream_id;
+}
+
+std::string noted_stream_id()
+{
+    const std::lock_guard lock(registry_mutex());
+    return g_stream_id;
+}
+
+void register_pipeline(const std::string& stream_id, GstElement* pipeline)
+{
+    const std::lock_guard lock(registry_mutex());
+    pipeline_map[stream_id] = pipeline;
+    open_run(stream_id, pipeline);
+}
+
+std::shared_ptr<StreamRun> run_of(const std::string& stream_id, GstElement* pipeline)
+{
+    const std::lock_guard lock(registry_mutex());
+    const auto open = find_open(pipeline);
+    return open != open_runs().end() ? open->run : open_run(stream_id, pipeline);
+}
+
+std::shared_ptr<StreamRun> find_run(GstElement* pipeline)
+{
+    const std::lock_guard lock(registry_mutex());
+    const auto open = find_open(pipeline);
+    return open != open_runs().end() ? open->run : nullptr;
+}
+
+void replace_pipeline(const StreamRun* run, GstElement* pipeline)
+{
+    const std::lock_guard lock(registry_mutex());
+    const auto open = find_open(run);
+    if (open == open_runs().end()) return;
+    open->pipeline = pipeline;
+    const auto registered = pipeline_map.find(open->stream_id);
+    if (registered != pipeline_map.end() && !registered->second) registered->second = pipeline;
+}
+
+void note_playing(GstElement* pipeline)
+{
+    const std::lock_guard lock(registry_mutex());
+    pipeline_s = pipeline;
+}
+
+void forget_pipeline(GstElement* pipeline)
+{
+    const std::lock_guard lock(registry_mutex());
+    clear_pointers(pipeline);
+    const auto open = find_open(pipeline);
+    if (open != open_runs().end()) open->pipeline = nullptr;
+}
+
+void close_run(const StreamRun* run)
+{
+    const std::lock_guard lock(registry_mutex());
+    const auto open = find_open(run);
+    if (open != open_runs().end()) open_runs().erase(open);
+}
+
+std::vector<StopTarget> ask_to_stop(const std::string& stream_id, bool all)
+{
+    const std::lock_guard lock(registry_mutex());
+    std::vector<StopTarget> targets;
+    for (const auto& [id, pipeline] : pipeline_map) {
+        if ((!all && id != stream_id) || !pipeline) continue;
+        const auto open = find_open(pipeline);
+        targets.push_back({id, reference(pipeline), open != open_runs().end() ? open->run : nullptr});
+    }
+    // Beside the registered pipelines: one that is being rebuilt, and an earlier one whose id was started again.
+    for (const OpenRun& open : open_runs()) {
+        if ((!all && open.stream_id != stream_id) || is_among(targets, open.run.get())) continue;
+        targets.push_back({open.stream_id, reference(open.pipeline), open.run});
+    }
+    for (const StopTarget& target : targets) {
+        if (target.run) target.run->ask_stop(target.pipeline != nullptr);
+    }
+    return targets;
+}
+
+ElementPtr last_started_pipeline()
+{
+    const std::unique_lock lock(registry_mutex(), std::try_to_lock);
+    return lock.owns_lock() ? reference(pipeline_s) : nullptr;
+}
+
+} // namespace Quorvis::VelStream

@@ -1,0 +1,92 @@
+#include "StreamBuildScope.h"
+
+#include "ElementTools.h"
+
+#include <utility>
+
+namespace Quorvis::VelStream {
+
+namespace {
+
+constexpr GstClockTime kSlice = 100 * GST_MSECOND;
+
+BusPtr take_bus(PiplineData* data)
+{
+    return BusPtr(std::exchange(data->bus, nullptr));
+}
+
+ElementPtr first_child(GstBin* bin)
+{
+    GST_OBJECT_LOCK(bin);
+    const GList* children = GST_BIN_CHILDREN(bin);
+    ElementPtr child(children ? GST_ELEMENT(gst_object_ref(children->data)) : nullptr);
+    GST_OBJECT_UNLOCK(bin);
+    return child;
+}
+
+} // namespace
+
+RunScope::RunScope(PiplineData* data) : data_(data), run_(run_of(data->streamId, data->pipeline)) {}
+
+RunScope::~RunScope()
+{
+    release();
+    close_run(run_.get());
+    run_->note_end();
+}
+
+bool RunScope::play()
+{
+    if (run_->is_stop_asked()) return false;
+    take_bus(data_);
+    data_->bus = gst_element_get_bus(data_->pipeline);
+    note_playing(data_->pipeline);
+    if (gst_element_set_state(data_->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        // The element's own error comes first on the bus; this one is for an element that fails without a word.
+        GST_ELEMENT_ERROR(data_->pipeline, CORE, STATE_CHANGE, ("The pipeline cannot be set to PLAYING."), (nullptr));
+    }
+    return true;
+}
+
+MessagePtr RunScope::wait_for_message(GstMessageType types)
+{
+    while (!run_->is_stopped()) {
+        MessagePtr message(gst_bus_timed_pop_filtered(data_->bus, kSlice, types));
+        if (message) return message;
+    }
+    return nullptr;
+}
+
+MessagePtr RunScope::wait_for_any_message(GstClockTime timeout)
+{
+    return MessagePtr(gst_bus_timed_pop(data_->bus, timeout));
+}
+
+void RunScope::set_null()
+{
+    if (data_->pipeline) gst_element_set_state(data_->pipeline, GST_STATE_NULL);
+}
+
+void RunScope::release()
+{
+    release_pipeline(data_);
+}
+
+void clear_pipeline(GstElement* pipeline)
+{
+    while (const ElementPtr child = first_child(GST_BIN(pipeline))) {
+        gst_element_set_state(child.get(), GST_STATE_NULL);
+        gst_bin_remove(GST_BIN(pipeline), child.get());
+    }
+}
+
+void release_pipeline(PiplineData* data)
+{
+    const BusPtr bus = take_bus(data);
+    const ElementPtr pipeline(std::exchange(data->pipeline, nullptr));
+    if (!pipeline) return;
+    forget_pipeline(pipeline.get());
+    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+}
+
+} // namespace Quorvis::VelStream

@@ -1,0 +1,51 @@
+// One runner call's hold on its pipeline and bus.
+#pragma once
+
+#include "Handles.h"
+#include "StreamBuildRegistry.h"
+#include "StreamRecords.h"
+
+#include <memory>
+
+namespace Quorvis::VelStream {
+
+/// Releases the pipeline and the bus of a record on every way out of a runner, exceptions included, and joins the
+/// runner with the threads that stop it. Scopes of one record may nest; the first release does the work.
+class RunScope {
+public:
+    explicit RunScope(PiplineData* data);
+    ~RunScope();
+    RunScope(const RunScope&) = delete;
+    RunScope& operator=(const RunScope&) = delete;
+
+    PiplineData* data() const { return data_; }
+    GstElement* pipeline() const { return data_->pipeline; }
+    StreamRun& run() { return *run_; }
+
+    /// Sets the pipeline PLAYING, unless a stop was asked for, and takes its bus. @return false on a stop.
+    bool play();
+
+    /// The next message of these types; null once another thread has stopped the pipeline. Waits in slices, since a
+    /// pipeline put to NULL flushes its bus and wakes nobody.
+    MessagePtr wait_for_message(GstMessageType types);
+
+    /// The next message of any type within the time; null on time-out.
+    MessagePtr wait_for_any_message(GstClockTime timeout);
+
+    void set_null();
+
+    /// Sets the pipeline to NULL and releases it and its bus.
+    void release();
+
+private:
+    PiplineData* data_;
+    std::shared_ptr<StreamRun> run_;
+};
+
+/// Unlinks and removes every element of a pipeline, so that a further attempt can use the same names.
+void clear_pipeline(GstElement* pipeline);
+
+/// Releases the pipeline and the bus of a record, whose pointers become null; the registry forgets them first.
+void release_pipeline(PiplineData* data);
+
+} // namespace Quorvis::VelStream
