@@ -146,8 +146,10 @@ int start(StreamIns& ins, std::function<int8_t(const Image&)>& callback);
  */
 int get_properties(std::string stream_id, StreamIns& ins);
 
-/// Stops the stream with this id, or every stream for "all_stream". Callable from any thread but a frame callback; the
-/// stream's start call returns within a second of this call's return. An unknown id and a second stop are harmless.
+/// Stops the stream with this id, or every stream for "all_stream". Callable from any thread; the stream's
+/// start call returns within a second of this call's return. Called from a frame callback it returns at once, and the
+/// stream ends after the callback. An unknown id and a second stop are harmless. On the "ub2404" platform a stop ends
+/// every other ordinary stream of the process too, and later ones end as soon as they start.
 void gstreamer_pipeline_shutdown(std::string stream_id);
 
 /**

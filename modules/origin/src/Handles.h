@@ -46,11 +46,13 @@ inline ElementPtr share(GstElement* element)
 }
 
 /// A buffer mapped for the life of this object. It takes no reference: a further one would make the buffer unwritable.
+/// A buffer that is shared is not mapped for writing, since others may be reading it.
 class MappedBuffer {
 public:
     MappedBuffer(GstBuffer* buffer, GstMapFlags flags) : buffer_(buffer)
     {
-        is_mapped_ = buffer_ && gst_buffer_map(buffer_, &info_, flags);
+        const bool is_allowed = buffer_ && (!(flags & GST_MAP_WRITE) || gst_buffer_is_writable(buffer_));
+        is_mapped_ = is_allowed && gst_buffer_map(buffer_, &info_, flags);
     }
     ~MappedBuffer()
     {

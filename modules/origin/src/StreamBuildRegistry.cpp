@@ -71,6 +71,12 @@ void clear_pointers(GstElement* pipeline)
 
 } // namespace
 
+void StreamRun::note_playing()
+{
+    const std::lock_guard lock(mutex_);
+    is_ended_ = false;
+}
+
 void StreamRun::ask_stop(bool has_pipeline)
 {
     const std::lock_guard lock(mutex_);
@@ -164,6 +170,13 @@ void note_playing(GstElement* pipeline)
 {
     const std::lock_guard lock(registry_mutex());
     pipeline_s = pipeline;
+}
+
+void send_end_of_stream(GstElement* pipeline)
+{
+    gst_element_call_async(
+        pipeline, [](GstElement* element, gpointer) { gst_element_send_event(element, gst_event_new_eos()); }, nullptr,
+        nullptr);
 }
 
 void forget_pipeline(GstElement* pipeline)

@@ -18,6 +18,8 @@ inline constexpr std::chrono::milliseconds kEndOfStreamBound{2000};
 /// One call of a runner, from the registration of its pipeline to the release. Thread-safe.
 class StreamRun {
 public:
+    /// The runner sets its pipeline PLAYING, for the first time or again.
+    void note_playing();
     /// Asked for by a stop; `has_pipeline` says whether an end of stream is on its way to a pipeline.
     void ask_stop(bool has_pipeline);
     /// The runner has seen the end of its stream, or is gone.
@@ -57,6 +59,10 @@ void replace_pipeline(const StreamRun* run, GstElement* pipeline);
 
 /// Notes the last pipeline that was set PLAYING.
 void note_playing(GstElement* pipeline);
+
+/// Sends the end of stream from a thread of GStreamer's: an event that travels with the data waits behind a branch that
+/// does not move (a peer that went silent, a callback that is slow), and a stop must not wait with it.
+void send_end_of_stream(GstElement* pipeline);
 
 /// Clears every pointer to a pipeline that is about to be released.
 void forget_pipeline(GstElement* pipeline);

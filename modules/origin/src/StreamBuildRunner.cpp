@@ -336,7 +336,7 @@ private:
         VEL_LOG_INFO("start_ub2404: running cleared, will break loop. stream_id=%s", scope_.data()->streamId.c_str());
         const bool is_end_in_flight = scope_.run().is_stop_asked();
         // The stop of another stream, or a signal, ends this one too: what it writes is to be completed all the same.
-        if (!is_end_in_flight && has_output_) gst_element_send_event(scope_.pipeline(), gst_event_new_eos());
+        if (!is_end_in_flight && has_output_) send_end_of_stream(scope_.pipeline());
         is_noticed_ = true;
         deadline_ = std::chrono::steady_clock::now();
         if (is_end_in_flight || has_output_) deadline_ += kEndOfStreamBound;

@@ -41,6 +41,7 @@ bool RunScope::play()
     take_bus(data_);
     data_->bus = gst_element_get_bus(data_->pipeline);
     note_playing(data_->pipeline);
+    run_->note_playing();
     if (gst_element_set_state(data_->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
         // The element's own error comes first on the bus; this one is for an element that fails without a word.
         GST_ELEMENT_ERROR(data_->pipeline, CORE, STATE_CHANGE, ("The pipeline cannot be set to PLAYING."), (nullptr));

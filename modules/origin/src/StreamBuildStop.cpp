@@ -1,18 +1,28 @@
 #include "Log.h"
 #include "StreamBuild.h"
 #include "StreamBuildRegistry.h"
+#include "StreamBuildTap.h"
+
+#include <chrono>
+#include <thread>
+#include <utility>
+#include <vector>
 
 namespace Quorvis::VelStream {
 
 namespace {
 
-/// Sends the end of stream from a thread of GStreamer's: an event that travels with the data waits behind a branch that
-/// does not move (a peer that went silent, a callback that is slow), and a stop must not wait with it.
-void send_end_of_stream(GstElement* pipeline)
+/// Waits until the runners have seen the end of their streams, within the bound, and takes the pipelines down.
+void finish_stop(const std::vector<StopTarget>& targets)
 {
-    gst_element_call_async(
-        pipeline, [](GstElement* element, gpointer) { gst_element_send_event(element, gst_event_new_eos()); }, nullptr,
-        nullptr);
+    const auto deadline = std::chrono::steady_clock::now() + kEndOfStreamBound;
+    for (const StopTarget& target : targets) {
+        if (target.run) target.run->wait_for_end(deadline);
+    }
+    for (const StopTarget& target : targets) {
+        if (target.pipeline) gst_element_set_state(target.pipeline.get(), GST_STATE_NULL);
+        if (target.run) target.run->note_stopped();
+    }
 }
 
 } // namespace
@@ -21,7 +31,7 @@ void send_eos(const std::string& stream_id)
 {
     running.store(false, std::memory_order_release);
     const bool all = stream_id == "all_stream";
-    const std::vector<StopTarget> targets = ask_to_stop(stream_id, all);
+    std::vector<StopTarget> targets = ask_to_stop(stream_id, all);
     for (const StopTarget& target : targets) {
         if (!target.pipeline) continue;
         if (all)
@@ -31,14 +41,11 @@ void send_eos(const std::string& stream_id)
         send_end_of_stream(target.pipeline.get());
         g_usleep(5000);
     }
-    const auto deadline = std::chrono::steady_clock::now() + kEndOfStreamBound;
-    for (const StopTarget& target : targets) {
-        if (target.run) target.run->wait_for_end(deadline);
-    }
-    for (const StopTarget& target : targets) {
-        if (target.pipeline) gst_element_set_state(target.pipeline.get(), GST_STATE_NULL);
-        if (target.run) target.run->note_stopped();
-    }
+    // A callback holds up the stream that it would wait for: the stop goes on beside it.
+    if (is_in_frame_callback())
+        std::thread([kept = std::move(targets)] { finish_stop(kept); }).detach();
+    else
+        finish_stop(targets);
 }
 
 void handle_sigint(int)

@@ -105,9 +105,21 @@ void update_timestamp(GstBuffer* buffer, Image& image)
     image.timestamp = text;
 }
 
+thread_local bool t_is_in_callback = false;
+
+/// Marks this thread for the time of a callback.
+class CallbackMark {
+public:
+    CallbackMark() { t_is_in_callback = true; }
+    ~CallbackMark() { t_is_in_callback = false; }
+    CallbackMark(const CallbackMark&) = delete;
+    CallbackMark& operator=(const CallbackMark&) = delete;
+};
+
 /// An exception must not travel through GStreamer: it ends the callback, not the stream.
 void invoke(const PiplineData* data)
 {
+    const CallbackMark mark;
     try {
         data->callback(data->image);
     } catch (const std::exception& error) {
@@ -193,6 +205,11 @@ GstPadProbeReturn tap_frame(GstPad* pad, GstPadProbeInfo* info, PiplineData* dat
 template GstPadProbeReturn tap_frame<TapKind::Plain>(GstPad*, GstPadProbeInfo*, PiplineData*);
 template GstPadProbeReturn tap_frame<TapKind::Camera>(GstPad*, GstPadProbeInfo*, PiplineData*);
 template GstPadProbeReturn tap_frame<TapKind::Recreated>(GstPad*, GstPadProbeInfo*, PiplineData*);
+
+bool is_in_frame_callback()
+{
+    return t_is_in_callback;
+}
 
 GstPadProbeReturn on_buffer_received(GstPad* pad, GstPadProbeInfo* info, void* user_data)
 {

@@ -20,4 +20,7 @@ extern template GstPadProbeReturn tap_frame<TapKind::Plain>(GstPad*, GstPadProbe
 extern template GstPadProbeReturn tap_frame<TapKind::Camera>(GstPad*, GstPadProbeInfo*, PiplineData*);
 extern template GstPadProbeReturn tap_frame<TapKind::Recreated>(GstPad*, GstPadProbeInfo*, PiplineData*);
 
+/// True on a thread that is inside an application's frame callback.
+bool is_in_frame_callback();
+
 } // namespace Quorvis::VelStream
