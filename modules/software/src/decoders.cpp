@@ -4,6 +4,7 @@
 #include "codec_bridge.h"
 #include "codec_chain.h"
 #include "codec_properties.h"
+#include "codec_waylandsink.h"
 
 #include <optional>
 
@@ -247,6 +248,7 @@ void finalize(GObject* object)
 
 void instance_init(GTypeInstance* instance, gpointer)
 {
+    activate_waylandsink(); // already done, unless this process has scanned the plug-in itself
     auto* self = reinterpret_cast<VelDecoder*>(instance);
     self->state = new DecoderState(GST_BIN(self));
     GstPad* sink = self->state->chain.sink();
