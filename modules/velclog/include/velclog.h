@@ -3,6 +3,7 @@
  */
 #pragma once
 
+#pragma GCC visibility push(default)
 namespace Quorvis::VelClog {
 
 /**
@@ -26,3 +27,4 @@ void clog_set_log_level(const char* tag, int level);
 void clogger(const char* tag, const char* path, int output);
 
 } // namespace Quorvis::VelClog
+#pragma GCC visibility pop
