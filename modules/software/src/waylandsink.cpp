@@ -92,7 +92,7 @@ struct VelWaylandSink {
     GstElement* stock; ///< owned; null: it could not be made
     GstPad* sink;      ///< borrowed from the element
     Rectangle rectangle;
-    gboolean is_placed; ///< the window has the wanted size; guarded by the object lock
+    gboolean is_placed; ///< the window is as the properties ask; guarded by the object lock
     GstPadEventFunction forward_event;
     GstPadQueryFunction forward_query;
 };
@@ -133,16 +133,24 @@ CapsPtr without_gbm(const GstCaps* caps)
 }
 
 /// Gives the window the wanted size. Before its first frame the stock sink has no window and ignores this.
-void place_window(VelWaylandSink* self)
+void resize_window(VelWaylandSink* self)
 {
     GST_OBJECT_LOCK(self);
     const Rectangle rectangle = self->rectangle;
-    const bool is_due = !self->is_placed && rectangle.width > 0 && rectangle.height > 0;
-    self->is_placed = TRUE;
     GST_OBJECT_UNLOCK(self);
-    if (!is_due || !GST_IS_VIDEO_OVERLAY(self->stock)) return;
+    if (rectangle.width == 0 || rectangle.height == 0 || !GST_IS_VIDEO_OVERLAY(self->stock)) return;
     gst_video_overlay_set_render_rectangle(GST_VIDEO_OVERLAY(self->stock), rectangle.x, rectangle.y, rectangle.width,
                                            rectangle.height);
+}
+
+/// After a frame, so that there is a window: does once what the properties ask for.
+void place_window(VelWaylandSink* self)
+{
+    GST_OBJECT_LOCK(self);
+    const bool is_due = !self->is_placed;
+    self->is_placed = TRUE;
+    GST_OBJECT_UNLOCK(self);
+    if (is_due) resize_window(self);
 }
 
 void mark_unplaced(VelWaylandSink* self)
@@ -214,10 +222,8 @@ GstStateChangeReturn change_state(GstElement* element, GstStateChange transition
         return GST_STATE_CHANGE_FAILURE;
     }
     if (transition == GST_STATE_CHANGE_READY_TO_PAUSED) mark_unplaced(self);
-    if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) {
-        mark_unplaced(self); // the frame that was shown while pausing has made the window
-        place_window(self);
-    }
+    // The frame that is shown while pausing has made the window, and its push returns only now.
+    if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) resize_window(self);
     return GST_ELEMENT_CLASS(vel_wayland_sink_parent_class)->change_state(element, transition);
 }
 
@@ -240,13 +246,15 @@ int* rectangle_member(VelWaylandSink* self, guint id)
 void set_property(GObject* object, guint id, const GValue* value, GParamSpec* pspec)
 {
     VelWaylandSink* self = self_of(object);
-    int* member = rectangle_member(self, id);
-    if (!member) {
+    if (id >= kFirstForwarded) {
         if (self->stock) g_object_set_property(G_OBJECT(self->stock), pspec->name, value);
         return;
     }
     GST_OBJECT_LOCK(self);
-    *member = g_value_get_int(value);
+    if (id == kFullscreen)
+        self->is_fullscreen = g_value_get_boolean(value);
+    else
+        *rectangle_member(self, id) = g_value_get_int(value);
     self->is_placed = FALSE;
     GST_OBJECT_UNLOCK(self);
 }
@@ -254,8 +262,7 @@ void set_property(GObject* object, guint id, const GValue* value, GParamSpec* ps
 void get_property(GObject* object, guint id, GValue* value, GParamSpec* pspec)
 {
     VelWaylandSink* self = self_of(object);
-    const int* member = rectangle_member(self, id);
-    if (!member) {
+    if (id >= kFirstForwarded) {
         if (self->stock)
             g_object_get_property(G_OBJECT(self->stock), pspec->name, value);
         else
@@ -263,7 +270,10 @@ void get_property(GObject* object, guint id, GValue* value, GParamSpec* pspec)
         return;
     }
     GST_OBJECT_LOCK(self);
-    g_value_set_int(value, *member);
+    if (id == kFullscreen)
+        g_value_set_boolean(value, self->is_fullscreen);
+    else
+        g_value_set_int(value, *rectangle_member(self, id));
     GST_OBJECT_UNLOCK(self);
 }
 
@@ -317,7 +327,7 @@ void install_properties(GObjectClass* klass)
     add_boolean(kFirstForwarded + 2, "qos", "Tell upstream about late frames", TRUE);
     add_boolean(kFirstForwarded + 3, "fullscreen", "Fill the screen", FALSE);
     g_object_class_install_property(
-        klass, kFirstForwarded + 4,
+        klass, kFirstForwarded + 3,
         g_param_spec_string("display", "display", "Name of the Wayland display", nullptr, flags));
 }
 
