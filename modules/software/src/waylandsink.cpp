@@ -251,10 +251,7 @@ void set_property(GObject* object, guint id, const GValue* value, GParamSpec* ps
         return;
     }
     GST_OBJECT_LOCK(self);
-    if (id == kFullscreen)
-        self->is_fullscreen = g_value_get_boolean(value);
-    else
-        *rectangle_member(self, id) = g_value_get_int(value);
+    *rectangle_member(self, id) = g_value_get_int(value);
     self->is_placed = FALSE;
     GST_OBJECT_UNLOCK(self);
 }
@@ -270,10 +267,7 @@ void get_property(GObject* object, guint id, GValue* value, GParamSpec* pspec)
         return;
     }
     GST_OBJECT_LOCK(self);
-    if (id == kFullscreen)
-        g_value_set_boolean(value, self->is_fullscreen);
-    else
-        g_value_set_int(value, *rectangle_member(self, id));
+    g_value_set_int(value, *rectangle_member(self, id));
     GST_OBJECT_UNLOCK(self);
 }
 
@@ -327,7 +321,7 @@ void install_properties(GObjectClass* klass)
     add_boolean(kFirstForwarded + 2, "qos", "Tell upstream about late frames", TRUE);
     add_boolean(kFirstForwarded + 3, "fullscreen", "Fill the screen", FALSE);
     g_object_class_install_property(
-        klass, kFirstForwarded + 3,
+        klass, kFirstForwarded + 4,
         g_param_spec_string("display", "display", "Name of the Wayland display", nullptr, flags));
 }
 
