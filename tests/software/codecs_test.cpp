@@ -71,7 +71,7 @@ std::string raw_caps(int width, int height, const std::string& more = ",format=I
 
 std::string picture_source(int count, const std::string& caps)
 {
-    return "videotestsrc pattern=ball num-buffers=" + std::to_string(count) + " ! " + caps;
+    return "videotestsrc pattern=smpte75 horizontal-speed=4 num-buffers=" + std::to_string(count) + " ! " + caps;
 }
 
 std::string encoder_for(const std::string& codec, int b_frames)

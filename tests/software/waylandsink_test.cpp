@@ -98,6 +98,26 @@ TEST(WaylandSink, OtherProcessKeepsTheStockSink)
     EXPECT_STREQ(G_OBJECT_TYPE_NAME(sink.get()), "GstWaylandSink");
 }
 
+// The scan runs the plug-in's entry too. Nothing of it may reach the cache that other processes read.
+TEST(WaylandSink, ScanInThisProcessLeavesOthersTheStockSink)
+{
+    const std::string cache =
+        (fs::temp_directory_path() / ("waylandsink-" + std::to_string(getpid()) + ".bin")).string();
+    setenv("GST_REGISTRY", cache.c_str(), 1);
+    setenv("GST_REGISTRY_FORK", "no", 1);
+    gst_init(nullptr, nullptr);
+    ASSERT_TRUE(make("v4l2h264dec"));
+    const ElementPtr sink = make("waylandsink");
+    ASSERT_TRUE(sink);
+    EXPECT_TRUE(has_property(sink, "width"));
+    for (const char* test : {"OtherProcessKeepsTheStockSink", "AskingProcessGetsPlatformProperties"}) {
+        const std::string command =
+            "'" + fs::read_symlink("/proc/self/exe").string() + "' --gtest_filter=WaylandSink." + test + " >/dev/null";
+        EXPECT_EQ(std::system(command.c_str()), 0) << test;
+    }
+    fs::remove(cache);
+}
+
 TEST(WaylandSink, StockSinkInUseBeforeIsReplacedFromThenOn)
 {
     gst_init(nullptr, nullptr);
@@ -224,7 +244,7 @@ protected:
 
     /// The area that a frame of one green covers on the screen while `sink` shows it: width and height, 0 and 0 for
     /// none.
-    std::pair<int, int> shown_area(const std::string& sink)
+    std::pair<int, int> shown_area(const std::string& sink, int new_width = 0, int new_height = 0)
     {
         GError* error = nullptr;
         const ElementPtr pipeline(gst_parse_launch(
@@ -249,12 +269,17 @@ protected:
             },
             &frames, nullptr);
         gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
+        if (new_width > 0) {
+            EXPECT_TRUE(wait_until([&] { return frames >= 5; }, 60));
+            g_object_set(display.get(), "width", new_width, "height", new_height, nullptr);
+        }
+        const int enough = frames + 5;
         std::pair<int, int> area{0, 0};
         std::pair<int, int> last{-1, -1};
         // The compositor fades a new window in: the picture counts once two looks at it agree.
         EXPECT_TRUE(wait_until(
             [&] {
-                if (frames < 5) return false;
+                if (frames < enough) return false;
                 last = area;
                 area = green_area(screenshot());
                 return area.first > 0 && area == last;
@@ -333,6 +358,12 @@ TEST_F(Compositor, WidthAndHeightAreTheWindows)
 {
     ask_for_software_platform();
     EXPECT_EQ(shown_area("waylandsink x=0 y=0 width=320 height=180"), (std::pair{320, 180}));
+}
+
+TEST_F(Compositor, NewSizeIsTakenWhilePlaying)
+{
+    ask_for_software_platform();
+    EXPECT_EQ(shown_area("waylandsink", 480, 270), (std::pair{480, 270}));
 }
 
 TEST_F(Compositor, ZeroWidthAndHeightAreTheVideos)
