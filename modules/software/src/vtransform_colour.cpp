@@ -29,42 +29,12 @@ const RgbLayout& layout_of(GstVideoFormat format)
     return row == std::end(kRgbLayouts) ? kRgbLayouts[0] : *row;
 }
 
-struct YuvRow {
-    GstVideoColorMatrix matrix;
-    bool is_full_range;
-    const libyuv::YuvConstants* to_rgb;
-    const libyuv::YuvConstants* to_rgb_swapped;
-};
-
-const YuvRow kYuvRows[] = {
-    {GST_VIDEO_COLOR_MATRIX_BT601, false, &libyuv::kYuvI601Constants, &libyuv::kYvuI601Constants},
-    {GST_VIDEO_COLOR_MATRIX_BT601, true, &libyuv::kYuvJPEGConstants, &libyuv::kYvuJPEGConstants},
-    {GST_VIDEO_COLOR_MATRIX_BT709, false, &libyuv::kYuvH709Constants, &libyuv::kYvuH709Constants},
-    {GST_VIDEO_COLOR_MATRIX_BT709, true, &libyuv::kYuvF709Constants, &libyuv::kYvuF709Constants},
-    {GST_VIDEO_COLOR_MATRIX_BT2020, false, &libyuv::kYuv2020Constants, &libyuv::kYvu2020Constants},
-    {GST_VIDEO_COLOR_MATRIX_BT2020, true, &libyuv::kYuvV2020Constants, &libyuv::kYvuV2020Constants},
-};
-
-const YuvRow& constants_of(const Colour& colour)
+/// The weights of the matrix; those of bt601 where it has none.
+rows::Encoding encoding_of(const Colour& colour)
 {
-    const auto* row = std::find_if(std::begin(kYuvRows), std::end(kYuvRows), [&colour](const YuvRow& candidate) {
-        return candidate.matrix == colour.matrix && candidate.is_full_range == colour.is_full_range;
-    });
-    return row == std::end(kYuvRows) ? kYuvRows[0] : *row;
-}
-
-/// The matrices that have constants; the rare others are taken for the nearest one.
-GstVideoColorMatrix known_matrix(GstVideoColorMatrix matrix)
-{
-    switch (matrix) {
-    case GST_VIDEO_COLOR_MATRIX_BT709:
-    case GST_VIDEO_COLOR_MATRIX_BT2020:
-        return matrix;
-    case GST_VIDEO_COLOR_MATRIX_SMPTE240M:
-        return GST_VIDEO_COLOR_MATRIX_BT709;
-    default:
-        return GST_VIDEO_COLOR_MATRIX_BT601;
-    }
+    rows::Encoding encoding{0.299, 0.114, colour.is_full_range};
+    gst_video_color_matrix_get_Kr_Kb(colour.matrix, &encoding.kr, &encoding.kb);
+    return encoding;
 }
 
 int half(int pixels)
@@ -121,6 +91,16 @@ void shuffle_pixels(const uint8_t* from, const RgbLayout& in, uint8_t* to, const
     }
     libyuv::ARGBShuffle(from, 0, to, 0, order.data(), width, 1);
     if (!in.has_alpha) rows::set_opaque(to, out.a, width);
+}
+
+/// The planes of a pixel's bytes in the order of memory; alpha's stays null.
+std::array<uint8_t*, 4> planes_in_memory(const RgbLayout& layout, uint8_t* r, uint8_t* g, uint8_t* b)
+{
+    std::array<uint8_t*, 4> bytes{};
+    bytes[static_cast<std::size_t>(layout.r)] = r;
+    bytes[static_cast<std::size_t>(layout.g)] = g;
+    bytes[static_cast<std::size_t>(layout.b)] = b;
+    return bytes;
 }
 
 /// Packs pixels in the order B, G, R, x to 3 bytes each.
@@ -200,7 +180,7 @@ int alpha_offset(GstVideoFormat format)
 Colour colour_of(const GstVideoInfo& info)
 {
     Colour colour;
-    colour.matrix = known_matrix(info.colorimetry.matrix);
+    colour.matrix = info.colorimetry.matrix;
     colour.is_full_range = info.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255;
     colour.is_chroma_cosited = (GST_VIDEO_INFO_CHROMA_SITE(&info) & GST_VIDEO_CHROMA_SITE_H_COSITED) != 0;
     return colour;
@@ -215,21 +195,24 @@ void ColourConverter::configure(const Colour& in, const Colour& out, int max_wid
 {
     in_ = in;
     out_ = out;
-    to_rgb_ = constants_of(in).to_rgb;
-    to_rgb_swapped_ = constants_of(in).to_rgb_swapped;
-    double kr = 0.299;
-    double kb = 0.114;
-    gst_video_color_matrix_get_Kr_Kb(out.matrix, &kr, &kb);
-    to_yuv_ = rows::make_rgb_to_yuv(kr, kb, out.is_full_range);
+    to_rgb_ = rows::make_yuv_to_rgb(encoding_of(in));
+    to_yuv_ = rows::make_rgb_to_yuv(encoding_of(out));
+    recode_ = rows::make_yuv_to_yuv(encoding_of(in), encoding_of(out));
     for (ChromaRow& row : chroma_)
         allocate_row(row.samples, max_width);
     for (Planes& planes : planes_) {
         for (std::vector<uint8_t>* row : {&planes.r, &planes.g, &planes.b})
             allocate_row(*row, max_width);
     }
+    for (Yuv& yuv : recoded_) {
+        allocate_row(yuv.u, max_width);
+        allocate_row(yuv.v, max_width);
+    }
     for (std::vector<uint8_t>* row : {&luma_, &uv_, &u_, &v_})
         allocate_row(*row, max_width);
     allocate_row(pixels_, 4 * max_width);
+    allocate_row(opaque_, max_width);
+    std::fill(opaque_.begin(), opaque_.end(), uint8_t{255});
 }
 
 void ColourConverter::convert(const Picture& in, const Picture& out)
@@ -241,8 +224,10 @@ void ColourConverter::convert(const Picture& in, const Picture& out)
         copy_picture(in, out);
     else if (is_yuv(in.format) && is_yuv(out.format) && has_same_colours)
         yuv_to_yuv(in, out);
+    else if (is_yuv(in.format) && is_yuv(out.format))
+        recode_yuv(in, out);
     else if (is_yuv(out.format))
-        to_yuv(in, out);
+        rgb_to_yuv(in, out);
     else if (is_yuv(in.format))
         yuv_to_rgb(in, out);
     else
@@ -305,19 +290,20 @@ void ColourConverter::read_yuv444(const Picture& in, int y, const uint8_t*& luma
 void ColourConverter::write_rgb(const Picture& out, int y, const uint8_t* luma)
 {
     const RgbLayout& layout = layout_of(out.format);
+    Planes& planes = planes_[0];
+    rows::to_rgb(luma, u_.data(), v_.data(), to_rgb_, planes.r.data(), planes.g.data(), planes.b.data(), out.width);
     uint8_t* to = row_of(out, 0, y);
-    const bool is_red_first = layout.r < layout.b;
-    const uint8_t* u = is_red_first ? v_.data() : u_.data();
-    const uint8_t* v = is_red_first ? u_.data() : v_.data();
-    const libyuv::YuvConstants* constants = is_red_first ? to_rgb_swapped_ : to_rgb_;
     if (layout.bytes == 3) {
-        libyuv::I444ToRGB24Matrix(luma, 0, u, 0, v, 0, to, 0, constants, out.width, 1);
-    } else if (layout.a == 3) {
-        libyuv::I444ToARGBMatrix(luma, 0, u, 0, v, 0, to, 0, constants, out.width, 1);
-    } else {
-        libyuv::I444ToARGBMatrix(luma, 0, u_.data(), 0, v_.data(), 0, pixels_.data(), 0, to_rgb_, out.width, 1);
-        shuffle_pixels(pixels_.data(), layout_of(GST_VIDEO_FORMAT_BGRA), to, layout, out.width);
+        // Faster by way of four bytes a pixel than straight to three.
+        libyuv::MergeARGBPlane(planes.r.data(), 0, planes.g.data(), 0, planes.b.data(), 0, nullptr, 0, pixels_.data(),
+                               0, out.width, 1);
+        pack_pixels(pixels_.data(), to, layout, out.width);
+        return;
     }
+    const auto bytes = planes_in_memory(layout, planes.r.data(), planes.g.data(), planes.b.data());
+    const uint8_t* first = layout.a == 0 ? opaque_.data() : bytes[0];
+    const uint8_t* last = layout.a == 0 ? bytes[3] : opaque_.data();
+    libyuv::MergeARGBPlane(bytes[2], 0, bytes[1], 0, first, 0, last, 0, to, 0, out.width, 1);
 }
 
 void ColourConverter::yuv_to_rgb(const Picture& in, const Picture& out)
@@ -356,7 +342,7 @@ void ColourConverter::yuv_to_yuv(const Picture& in, const Picture& out)
     for (int y = 0; y < in.height; ++y) {
         const uint8_t* luma = luma_row(in, y);
         if (out.format == GST_VIDEO_FORMAT_YUY2)
-            write_yuy2(out, y, luma, chroma_of_row(in, y));
+            write_yuy2(out, y, luma, chroma_row(in, y / 2));
         else
             std::memcpy(row_of(out, 0, y), luma, static_cast<std::size_t>(in.width));
     }
@@ -364,35 +350,17 @@ void ColourConverter::yuv_to_yuv(const Picture& in, const Picture& out)
         write_chroma(out, index, chroma_of_row_pair(in, index));
 }
 
-void ColourConverter::split_pixels(const uint8_t* pixels, GstVideoFormat format, int width, Planes& planes)
+/// Red, green and blue of row `y` of an RGB picture, the last pixel repeated behind an odd width.
+void ColourConverter::read_rgb(const Picture& in, int y, Planes& planes)
 {
-    const RgbLayout& layout = layout_of(format);
+    const RgbLayout& layout = layout_of(in.format);
+    auto bytes = planes_in_memory(layout, planes.r.data(), planes.g.data(), planes.b.data());
+    const uint8_t* pixels = row_of(in, 0, y);
     if (layout.bytes == 3) {
-        uint8_t* first = layout.r == 0 ? planes.r.data() : planes.b.data();
-        uint8_t* third = layout.r == 0 ? planes.b.data() : planes.r.data();
-        libyuv::SplitRGBPlane(pixels, 0, first, 0, planes.g.data(), 0, third, 0, width, 1);
-        return;
-    }
-    std::array<uint8_t*, 4> bytes{};
-    bytes[static_cast<std::size_t>(layout.r)] = planes.r.data();
-    bytes[static_cast<std::size_t>(layout.g)] = planes.g.data();
-    bytes[static_cast<std::size_t>(layout.b)] = planes.b.data();
-    bytes[static_cast<std::size_t>(layout.a)] = pixels_.data();
-    libyuv::SplitARGBPlane(pixels, 0, bytes[2], 0, bytes[1], 0, bytes[0], 0, bytes[3], 0, width, 1);
-}
-
-/// Red, green and blue of row `y`, the last pixel repeated behind an odd width.
-void ColourConverter::read_planes(const Picture& in, int y, Planes& planes)
-{
-    if (is_yuv(in.format)) {
-        const uint8_t* luma = nullptr;
-        read_yuv444(in, y, luma);
-        uint8_t* bgra = pixels_.data();
-        libyuv::I444ToARGBMatrix(luma, 0, u_.data(), 0, v_.data(), 0, bgra, 0, to_rgb_, in.width, 1);
-        libyuv::SplitARGBPlane(bgra, 0, planes.r.data(), 0, planes.g.data(), 0, planes.b.data(), 0, nullptr, 0,
-                               in.width, 1);
+        libyuv::SplitRGBPlane(pixels, 0, bytes[0], 0, bytes[1], 0, bytes[2], 0, in.width, 1);
     } else {
-        split_pixels(row_of(in, 0, y), in.format, in.width, planes);
+        bytes[static_cast<std::size_t>(layout.a)] = pixels_.data();
+        libyuv::SplitARGBPlane(pixels, 0, bytes[2], 0, bytes[1], 0, bytes[0], 0, bytes[3], 0, in.width, 1);
     }
     for (std::vector<uint8_t>* row : {&planes.r, &planes.g, &planes.b})
         repeat_last(*row, in.width);
@@ -409,29 +377,68 @@ const uint8_t* ColourConverter::make_chroma(const Planes& first, const Planes& s
     return uv_.data();
 }
 
-void ColourConverter::convert_planes_pair(const Picture& in, const Picture& out, int y)
+void ColourConverter::convert_row_pair(const Picture& in, const Picture& out, int y)
 {
     const int second = std::min(y + 1, in.height - 1);
-    read_planes(in, y, planes_[0]);
-    read_planes(in, second, planes_[1]);
+    read_rgb(in, y, planes_[0]);
+    read_rgb(in, second, planes_[1]);
     rows::luma(planes_[0].r.data(), planes_[0].g.data(), planes_[0].b.data(), to_yuv_, row_of(out, 0, y), in.width);
     rows::luma(planes_[1].r.data(), planes_[1].g.data(), planes_[1].b.data(), to_yuv_, row_of(out, 0, second),
                in.width);
     write_chroma(out, y / 2, make_chroma(planes_[0], planes_[1], in.width));
 }
 
-void ColourConverter::to_yuv(const Picture& in, const Picture& out)
+void ColourConverter::rgb_to_yuv(const Picture& in, const Picture& out)
 {
     if (out.format != GST_VIDEO_FORMAT_YUY2) {
         for (int y = 0; y < in.height; y += 2)
-            convert_planes_pair(in, out, y);
+            convert_row_pair(in, out, y);
         return;
     }
     for (int y = 0; y < in.height; ++y) {
         Planes& planes = planes_[0];
-        read_planes(in, y, planes);
+        read_rgb(in, y, planes);
         rows::luma(planes.r.data(), planes.g.data(), planes.b.data(), to_yuv_, luma_.data(), in.width);
         write_yuy2(out, y, luma_.data(), make_chroma(planes, planes, in.width));
+    }
+}
+
+/// Row `y` in the output's encoding. Samples keep their places: each goes to both of its pixels, and merge_recoded()
+/// finds it there again.
+void ColourConverter::recode_row(const Picture& in, int y, uint8_t* luma, Yuv& yuv)
+{
+    const uint8_t* from = luma_row(in, y);
+    rows::repeat(is_yuv420(in.format) ? chroma_row(in, y / 2) : uv_.data(), half(in.width), u_.data(), v_.data());
+    rows::to_yuv(from, u_.data(), v_.data(), recode_, luma, yuv.u.data(), yuv.v.data(), in.width);
+    repeat_last(yuv.u, in.width);
+    repeat_last(yuv.v, in.width);
+}
+
+/// Interleaved chroma of the mean of the two recoded rows.
+const uint8_t* ColourConverter::merge_recoded(int width)
+{
+    const int pairs = half(width);
+    rows::average(recoded_[0].u.data(), recoded_[1].u.data(), u_.data(), 2 * pairs);
+    rows::average(recoded_[0].v.data(), recoded_[1].v.data(), v_.data(), 2 * pairs);
+    rows::downsample(u_.data(), v_.data(), pairs, false, uv_.data());
+    return uv_.data();
+}
+
+void ColourConverter::recode_yuv(const Picture& in, const Picture& out)
+{
+    if (out.format == GST_VIDEO_FORMAT_YUY2) {
+        for (int y = 0; y < in.height; ++y) {
+            recode_row(in, y, pixels_.data(), recoded_[0]);
+            rows::downsample(recoded_[0].u.data(), recoded_[0].v.data(), half(in.width), false, uv_.data());
+            write_yuy2(out, y, pixels_.data(), uv_.data());
+        }
+        return;
+    }
+    for (int y = 0; y < in.height; y += 2) {
+        const int second = std::min(y + 1, in.height - 1);
+        recode_row(in, y, row_of(out, 0, y), recoded_[0]);
+        recode_row(in, second, row_of(out, 0, second), recoded_[1]);
+        write_chroma(out, y / 2, merge_recoded(in.width));
     }
 }
 

@@ -47,8 +47,9 @@ Colour colour_of(const GstVideoInfo& info);
 bool is_same_encoding(const Colour& a, const Colour& b);
 
 /**
- * Converts pictures row by row: chroma is interpolated at its place, YUV of another matrix or range goes through RGB.
- * Its rows are allocated by configure(), converting allocates nothing. For one thread at a time.
+ * Converts pictures row by row. Chroma is interpolated at its place on the way to RGB; between two YUV formats its
+ * samples stay where they are. Its rows are allocated by configure(), converting allocates nothing. For one thread at a
+ * time.
  */
 class ColourConverter {
 public:
@@ -66,9 +67,14 @@ private:
         std::vector<uint8_t> r, g, b;
     };
 
+    struct Yuv {
+        std::vector<uint8_t> u, v;
+    };
+
     void yuv_to_yuv(const Picture& in, const Picture& out);
     void yuv_to_rgb(const Picture& in, const Picture& out);
-    void to_yuv(const Picture& in, const Picture& out);
+    void recode_yuv(const Picture& in, const Picture& out);
+    void rgb_to_yuv(const Picture& in, const Picture& out);
     void rgb_to_rgb(const Picture& in, const Picture& out);
 
     const uint8_t* luma_row(const Picture& in, int y);
@@ -76,22 +82,24 @@ private:
     const uint8_t* chroma_of_row(const Picture& in, int y);
     const uint8_t* chroma_of_row_pair(const Picture& in, int index);
     void read_yuv444(const Picture& in, int y, const uint8_t*& luma);
-    void read_planes(const Picture& in, int y, Planes& planes);
-    void split_pixels(const uint8_t* pixels, GstVideoFormat format, int width, Planes& planes);
+    void read_rgb(const Picture& in, int y, Planes& planes);
+    void recode_row(const Picture& in, int y, uint8_t* luma, Yuv& yuv);
     void write_rgb(const Picture& out, int y, const uint8_t* luma);
     void write_chroma(const Picture& out, int index, const uint8_t* uv);
     void write_yuy2(const Picture& out, int y, const uint8_t* luma, const uint8_t* uv);
     const uint8_t* make_chroma(const Planes& first, const Planes& second, int width);
-    void convert_planes_pair(const Picture& in, const Picture& out, int y);
+    void convert_row_pair(const Picture& in, const Picture& out, int y);
+    const uint8_t* merge_recoded(int width);
 
     Colour in_{};
     Colour out_{};
-    const libyuv::YuvConstants* to_rgb_ = nullptr;         ///< for blue first in memory
-    const libyuv::YuvConstants* to_rgb_swapped_ = nullptr; ///< for red first, with the chroma planes exchanged
+    rows::YuvToRgb to_rgb_{};
+    rows::YuvToYuv recode_{};
     rows::RgbToYuv to_yuv_{};
     std::array<ChromaRow, 2> chroma_;
     std::array<Planes, 2> planes_;
-    std::vector<uint8_t> luma_, uv_, u_, v_, pixels_;
+    std::array<Yuv, 2> recoded_;
+    std::vector<uint8_t> luma_, uv_, u_, v_, pixels_, opaque_;
 };
 
 } // namespace velstream::software

@@ -48,6 +48,54 @@ inline uint8_t average_bytes(unsigned a, unsigned b)
     return static_cast<uint8_t>((a + b + 1) >> 1);
 }
 
+/// Fraction of the signed sums: 1/32 leaves room for every overshoot in 16 bits.
+constexpr int kOneBits = 5;
+constexpr int kOne = 1 << kOneBits;
+/// Half a step, and what two products lose on average by being cut off.
+constexpr int kRounding = kOne / 2 + 1;
+/// RGB is rounded down, as GStreamer's converter does, but for a margin that lets white be 255.
+constexpr int kRgbRounding = kOne / 8;
+
+/// What one step of full-range R, G, B, or of a colour difference B - Y and R - Y, is in the encoding.
+struct Scales {
+    double y, u, v, black;
+};
+
+Scales scales_of(const Encoding& encoding)
+{
+    const double chroma_range = encoding.is_full_range ? 1.0 : 224.0 / 255.0;
+    return {encoding.is_full_range ? 1.0 : 219.0 / 255.0, chroma_range / (2.0 * (1.0 - encoding.kb)),
+            chroma_range / (2.0 * (1.0 - encoding.kr)), encoding.is_full_range ? 0.0 : 16.0};
+}
+
+int16_t luma_factor(double value)
+{
+    return static_cast<int16_t>(std::lround(value * 16384.0));
+}
+int16_t chroma_factor(double value)
+{
+    return static_cast<int16_t>(std::lround(value * 8192.0));
+}
+
+/// Products in 1/32 of a luma sample, and of a chroma sample around 128.
+inline int16_t times_luma(uint8_t y, int16_t factor)
+{
+    return static_cast<int16_t>((static_cast<int16_t>(y << 7) * static_cast<int32_t>(factor)) >> 16);
+}
+
+inline int16_t times_chroma(uint8_t c, int16_t factor)
+{
+    const auto centred = static_cast<int16_t>((c << 8) ^ 0x8000);
+    return static_cast<int16_t>((centred * static_cast<int32_t>(factor)) >> 16);
+}
+
+inline uint8_t to_byte(int16_t sum)
+{
+    const auto value = static_cast<int16_t>(sum >> kOneBits);
+    const auto floored = static_cast<int16_t>(value < 0 ? 0 : value);
+    return static_cast<uint8_t>(floored > 255 ? 255 : floored);
+}
+
 VEL_VECTOR_LOOP void upsample_cosited(const uint8_t* __restrict uv, int pairs, uint8_t* __restrict u,
                                       uint8_t* __restrict v)
 {
@@ -120,25 +168,63 @@ VEL_VECTOR_LOOP void downsample_centred(const uint8_t* __restrict u, const uint8
 
 } // namespace
 
-RgbToYuv make_rgb_to_yuv(double kr, double kb, bool is_full_range)
+RgbToYuv make_rgb_to_yuv(const Encoding& encoding)
 {
     const auto factor = [](double value) { return static_cast<uint16_t>(std::lround(value * 65536.0)); };
+    const Scales scales = scales_of(encoding);
+    const double kr = encoding.kr;
+    const double kb = encoding.kb;
     const double kg = 1.0 - kr - kb;
-    const double luma_range = is_full_range ? 1.0 : 219.0 / 255.0;
-    const double chroma_range = is_full_range ? 1.0 : 224.0 / 255.0;
-    const double u_scale = chroma_range / (2.0 * (1.0 - kb));
-    const double v_scale = chroma_range / (2.0 * (1.0 - kr));
     RgbToYuv matrix{};
-    matrix.y_r = factor(kr * luma_range);
-    matrix.y_g = factor(kg * luma_range);
-    matrix.y_b = factor(kb * luma_range);
-    matrix.y_offset = static_cast<uint16_t>((is_full_range ? 0 : 16 * 256) + 128);
-    matrix.u_r = factor(kr * u_scale);
-    matrix.u_g = factor(kg * u_scale);
-    matrix.u_b = factor((1.0 - kb) * u_scale);
-    matrix.v_r = factor((1.0 - kr) * v_scale);
-    matrix.v_g = factor(kg * v_scale);
-    matrix.v_b = factor(kb * v_scale);
+    matrix.y_r = factor(kr * scales.y);
+    matrix.y_g = factor(kg * scales.y);
+    matrix.y_b = factor(kb * scales.y);
+    matrix.y_offset = static_cast<uint16_t>(scales.black * 256 + 128);
+    matrix.u_r = factor(kr * scales.u);
+    matrix.u_g = factor(kg * scales.u);
+    matrix.u_b = factor((1.0 - kb) * scales.u);
+    matrix.v_r = factor((1.0 - kr) * scales.v);
+    matrix.v_g = factor(kg * scales.v);
+    matrix.v_b = factor(kb * scales.v);
+    return matrix;
+}
+
+YuvToRgb make_yuv_to_rgb(const Encoding& encoding)
+{
+    const Scales scales = scales_of(encoding);
+    const double kg = 1.0 - encoding.kr - encoding.kb;
+    YuvToRgb matrix{};
+    matrix.y = luma_factor(1.0 / scales.y);
+    matrix.r_v = chroma_factor(1.0 / scales.v);
+    matrix.g_u = chroma_factor(-encoding.kb / (kg * scales.u));
+    matrix.g_v = chroma_factor(-encoding.kr / (kg * scales.v));
+    matrix.b_u = chroma_factor(1.0 / scales.u);
+    matrix.offset = static_cast<int16_t>(std::lround(-scales.black * kOne / scales.y) + kRgbRounding);
+    return matrix;
+}
+
+YuvToYuv make_yuv_to_yuv(const Encoding& in, const Encoding& out)
+{
+    const Scales from = scales_of(in);
+    const Scales to = scales_of(out);
+    const double in_kg = 1.0 - in.kr - in.kb;
+    const double out_kg = 1.0 - out.kr - out.kb;
+    // How far red, green and blue move with one step of chroma, and luma with them.
+    const double r_v = 1.0 / from.v;
+    const double b_u = 1.0 / from.u;
+    const double g_v = -in.kr / (in_kg * from.v);
+    const double g_u = -in.kb / (in_kg * from.u);
+    const double y_u = out_kg * g_u + out.kb * b_u;
+    const double y_v = out.kr * r_v + out_kg * g_v;
+    YuvToYuv matrix{};
+    matrix.y_y = luma_factor(to.y / from.y);
+    matrix.y_u = chroma_factor(to.y * y_u);
+    matrix.y_v = chroma_factor(to.y * y_v);
+    matrix.y_offset = static_cast<int16_t>(std::lround((to.black - from.black * to.y / from.y) * kOne) + kRounding);
+    matrix.u_u = chroma_factor(to.u * (b_u - y_u));
+    matrix.u_v = chroma_factor(-to.u * y_v);
+    matrix.v_u = chroma_factor(-to.v * y_u);
+    matrix.v_v = chroma_factor(to.v * (r_v - y_v));
     return matrix;
 }
 
@@ -165,6 +251,15 @@ void upsample(const uint8_t* uv, int pairs, bool is_cosited, uint8_t* u, uint8_t
         upsample_edge(uv, pairs, 0, is_cosited, u, v);
     }
     upsample_edge(uv, pairs, pairs - 1, is_cosited, u, v);
+}
+
+VEL_VECTOR_LOOP void repeat(const uint8_t* __restrict uv, int pairs, uint8_t* __restrict u, uint8_t* __restrict v)
+{
+    for (int i = 0; i < pairs; ++i) {
+        const uint16_t here = load_pair(uv + 2 * i);
+        store_pair(u + 2 * i, static_cast<uint16_t>((here & 0xff) * 257));
+        store_pair(v + 2 * i, static_cast<uint16_t>((here >> 8) * 257));
+    }
 }
 
 void downsample(const uint8_t* u, const uint8_t* v, int pairs, bool is_cosited, uint8_t* uv)
@@ -205,6 +300,33 @@ VEL_VECTOR_LOOP void chroma(const RgbRows& rgb, const RgbToYuv& matrix, uint8_t*
         const auto sum_v = static_cast<uint16_t>(kOffset + scale(r, m.v_r) - scale(g, m.v_g) - scale(b, m.v_b));
         u[i] = static_cast<uint8_t>(sum_u >> 8);
         v[i] = static_cast<uint8_t>(sum_v >> 8);
+    }
+}
+
+VEL_VECTOR_LOOP void to_rgb(const uint8_t* __restrict y, const uint8_t* __restrict u, const uint8_t* __restrict v,
+                            const YuvToRgb& matrix, uint8_t* __restrict r, uint8_t* __restrict g, uint8_t* __restrict b,
+                            int width)
+{
+    const YuvToRgb m = matrix;
+    for (int i = 0; i < width; ++i) {
+        const auto luma_sum = static_cast<int16_t>(times_luma(y[i], m.y) + m.offset);
+        r[i] = to_byte(static_cast<int16_t>(luma_sum + times_chroma(v[i], m.r_v)));
+        g[i] = to_byte(static_cast<int16_t>(luma_sum + times_chroma(u[i], m.g_u) + times_chroma(v[i], m.g_v)));
+        b[i] = to_byte(static_cast<int16_t>(luma_sum + times_chroma(u[i], m.b_u)));
+    }
+}
+
+VEL_VECTOR_LOOP void to_yuv(const uint8_t* __restrict y, const uint8_t* __restrict u, const uint8_t* __restrict v,
+                            const YuvToYuv& matrix, uint8_t* __restrict out_y, uint8_t* __restrict out_u,
+                            uint8_t* __restrict out_v, int width)
+{
+    const YuvToYuv m = matrix;
+    constexpr int16_t kCentre = 128 * kOne + kRounding;
+    for (int i = 0; i < width; ++i) {
+        out_y[i] = to_byte(static_cast<int16_t>(times_luma(y[i], m.y_y) + times_chroma(u[i], m.y_u) +
+                                                times_chroma(v[i], m.y_v) + m.y_offset));
+        out_u[i] = to_byte(static_cast<int16_t>(times_chroma(u[i], m.u_u) + times_chroma(v[i], m.u_v) + kCentre));
+        out_v[i] = to_byte(static_cast<int16_t>(times_chroma(u[i], m.v_u) + times_chroma(v[i], m.v_v) + kCentre));
     }
 }
 
