@@ -207,13 +207,27 @@ void put_tight_pool(GstQuery* query, GstCaps* caps)
         gst_query_add_allocation_pool(query, pool.get(), static_cast<guint>(tight_frame_size(info)), min_buffers, 0);
 }
 
+/// Reuses frames where downstream has no pool.
+void put_plain_pool(GstQuery* query, GstCaps* caps, const GstVideoInfo& info)
+{
+    if (gst_query_get_n_allocation_pools(query) > 0) return;
+    const auto size = static_cast<guint>(GST_VIDEO_INFO_SIZE(&info));
+    const BufferPoolPtr pool(gst_video_buffer_pool_new());
+    GstStructure* config = gst_buffer_pool_get_config(pool.get());
+    gst_buffer_pool_config_set_params(config, caps, size, 0, 0);
+    if (gst_buffer_pool_set_config(pool.get(), config)) gst_query_add_allocation_pool(query, pool.get(), size, 0, 0);
+}
+
 gboolean decide_allocation(GstBaseTransform* transform, GstQuery* query)
 {
     GstCaps* caps = nullptr;
     gst_query_parse_allocation(query, &caps, nullptr);
     GstVideoInfo info;
-    if (caps && gst_video_info_from_caps(&info, caps) && has_tight_layout(GST_VIDEO_INFO_FORMAT(&info)))
+    if (!caps || !gst_video_info_from_caps(&info, caps)) return FALSE;
+    if (has_tight_layout(GST_VIDEO_INFO_FORMAT(&info)))
         put_tight_pool(query, caps);
+    else
+        put_plain_pool(query, caps, info);
     return base_class()->decide_allocation(transform, query);
 }
 
