@@ -1,0 +1,98 @@
+#include "stream_session.h"
+
+#include <exception>
+#include <functional>
+#include <utility>
+
+namespace velstream::tool {
+
+namespace {
+
+double to_seconds(std::chrono::steady_clock::duration duration)
+{
+    return std::chrono::duration<double>(duration).count();
+}
+
+} // namespace
+
+void Waker::wake()
+{
+    const std::lock_guard lock(mutex_);
+    is_woken_ = true;
+    woken_.notify_all();
+}
+
+void Waker::wait_for(std::chrono::milliseconds time)
+{
+    std::unique_lock lock(mutex_);
+    woken_.wait_for(lock, time, [this] { return is_woken_; });
+    is_woken_ = false;
+}
+
+StreamSession::StreamSession(std::string id, uint64_t frame_limit, const std::string& snapshot_folder, Waker& waker)
+    : id_(std::move(id)), frame_limit_(frame_limit), waker_(waker), start_(Clock::now())
+{
+    if (!snapshot_folder.empty()) snapshots_.emplace(snapshot_folder, id_);
+}
+
+StreamSession::~StreamSession()
+{
+    join();
+}
+
+void StreamSession::start()
+{
+    start_ = Clock::now();
+    thread_ = std::thread([this] { run(); });
+}
+
+void StreamSession::join()
+{
+    if (thread_.joinable()) thread_.join();
+}
+
+void StreamSession::run()
+{
+    std::function<int8_t(const Quorvis::VelStream::Image&)> callback = [this](const Quorvis::VelStream::Image& image) {
+        return take(image);
+    };
+    try {
+        result_ = Quorvis::VelStream::start_stream(id_, callback);
+    } catch (const std::exception& error) {
+        exception_ = error.what();
+    }
+    end_ = (Clock::now() - start_).count();
+    is_ended_ = true;
+    waker_.wake();
+}
+
+int8_t StreamSession::take(const Quorvis::VelStream::Image& image)
+{
+    if (is_satisfied()) return 0;
+    if (snapshots_) snapshots_->offer(image);
+    width_ = image.width;
+    height_ = image.height;
+    last_frame_ = (Clock::now() - start_).count();
+    if (frames_ == 0) first_frame_ = last_frame_.load();
+    ++frames_;
+    if (is_satisfied()) waker_.wake();
+    return 0;
+}
+
+double StreamSession::seconds() const
+{
+    return to_seconds(is_ended_ ? Clock::duration(end_) : Clock::now() - start_);
+}
+
+double StreamSession::silent_seconds() const
+{
+    return to_seconds(Clock::now() - start_ - Clock::duration(last_frame_));
+}
+
+double StreamSession::rate() const
+{
+    const double span = to_seconds(Clock::duration(last_frame_ - first_frame_));
+    return frames_ > 1 && span > 0 ? static_cast<double>(frames_ - 1) / span : 0.0;
+}
+
+} // namespace velstream::tool

@@ -1,0 +1,83 @@
+// One stream that the tool runs: its thread, its counters and how it ended.
+#pragma once
+
+#include "snapshots.h"
+#include "velstream.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace velstream::tool {
+
+/// Wakes the main thread: a stream has ended, a stream has its frames, a signal came.
+class Waker {
+public:
+    void wake();
+    /// Waits for a wake or the time.
+    void wait_for(std::chrono::milliseconds time);
+
+private:
+    std::mutex mutex_;
+    std::condition_variable woken_;
+    bool is_woken_ = false;
+};
+
+class StreamSession {
+public:
+    /// @param frame_limit  frames after which is_satisfied(); 0 for none. Later frames are not counted.
+    StreamSession(std::string id, uint64_t frame_limit, const std::string& snapshot_folder, Waker& waker);
+    ~StreamSession();
+    StreamSession(const StreamSession&) = delete;
+    StreamSession& operator=(const StreamSession&) = delete;
+
+    void start();
+    void join();
+
+    const std::string& id() const { return id_; }
+    bool is_ended() const { return is_ended_; }
+    bool is_satisfied() const { return frame_limit_ > 0 && frames_ >= frame_limit_; }
+    uint64_t frames() const { return frames_; }
+    int width() const { return width_; }
+    int height() const { return height_; }
+    /// Seconds from the start to the end, or to now.
+    double seconds() const;
+    /// Seconds since the last frame, or since the start.
+    double silent_seconds() const;
+    /// Frames a second between the first and the last frame.
+    double rate() const;
+
+    // After join():
+    int result() const { return result_; }
+    /// What start_stream raised, or nothing.
+    const std::string& exception() const { return exception_; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    void run();
+    int8_t take(const Quorvis::VelStream::Image& image);
+
+    std::string id_;
+    uint64_t frame_limit_;
+    Waker& waker_;
+    std::optional<Snapshots> snapshots_; // used by the streaming thread alone
+    std::thread thread_;
+    Clock::time_point start_;
+    // Written by the stream's threads, read by the main thread.
+    std::atomic<uint64_t> frames_{0};
+    std::atomic<int> width_{0};
+    std::atomic<int> height_{0};
+    std::atomic<Clock::duration::rep> first_frame_{0}; // since start_
+    std::atomic<Clock::duration::rep> last_frame_{0};
+    std::atomic<Clock::duration::rep> end_{0};
+    std::atomic<bool> is_ended_{false};
+    int result_ = -1;
+    std::string exception_;
+};
+
+} // namespace velstream::tool
