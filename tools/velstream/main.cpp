@@ -22,7 +22,7 @@ void add_run(CLI::App& app, velstream::tool::RunOptions& options)
     run->add_option("--frames", options.frames, "Stop once every stream has delivered this many frames")
         ->check(CLI::PositiveNumber);
     run->add_option("--snapshot", options.snapshot_folder,
-                    "Write PNG files of frames into this folder: the first, then one a second, 100 at most");
+                    "Write PNG files of frames into this folder: the first, then every 30th, 100 at most");
     run->add_flag("--json", options.is_json, "Print one JSON object a stream at the end, and nothing else, on stdout");
     run->add_option("--log-level", options.log_level, "What the library logs on stderr")
         ->check(CLI::IsMember({"info", "warning", "error", "none"}))

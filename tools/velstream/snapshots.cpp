@@ -4,7 +4,6 @@
 
 #include <png.h>
 
-#include <chrono>
 #include <cstdio>
 #include <utility>
 
@@ -15,12 +14,7 @@ namespace velstream::tool {
 namespace {
 
 constexpr int kMostPictures = 100;
-constexpr double kInterval = 1.0; // seconds
-
-double now_seconds()
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
+constexpr int64_t kFramesApart = 30;
 
 bool write_png(const std::filesystem::path& path, const Quorvis::VelStream::Image& frame)
 {
@@ -60,16 +54,14 @@ Snapshots::Snapshots(std::filesystem::path folder, std::string stream_id)
 
 void Snapshots::offer(const Quorvis::VelStream::Image& image)
 {
-    const double now = now_seconds();
-    if (start_time_ < 0) start_time_ = now;
-    if (now - start_time_ < next_time_ || written_ >= kMostPictures) return;
+    if (image.frameIndex < next_frame_ || written_ >= kMostPictures) return;
+    next_frame_ = image.frameIndex + kFramesApart;
     if (image.size < static_cast<uint64_t>(image.width) * static_cast<uint64_t>(image.height) * 3) return;
     char number[32];
     std::snprintf(number, sizeof number, "-%06lld.png", static_cast<long long>(image.frameIndex));
     const std::filesystem::path path = folder_ / (stream_id_ + number);
     if (!write_png(path, image)) std::fprintf(stderr, "velstream: %s cannot be written\n", path.c_str());
     ++written_;
-    next_time_ += kInterval;
 }
 
 } // namespace velstream::tool

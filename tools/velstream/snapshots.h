@@ -3,12 +3,13 @@
 
 #include "velstream.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
 namespace velstream::tool {
 
-/// Writes the first frame, and then one each second of the stream, as ID-000001.png (the frame's number), up to a
+/// Writes the first frame, and then every 30th, as ID-000001.png (the frame's number), up to a
 /// limit. Used on the stream's own thread, which waits for the file.
 class Snapshots {
 public:
@@ -19,8 +20,7 @@ public:
 private:
     std::filesystem::path folder_;
     std::string stream_id_;
-    double next_time_ = 0; // seconds since the first frame
-    double start_time_ = -1;
+    int64_t next_frame_ = 0;
     int written_ = 0;
 };
 
