@@ -4,6 +4,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -114,9 +115,11 @@ std::string format_message(const char* format, va_list arguments)
     char buffer[512];
     const int length = std::vsnprintf(buffer, sizeof buffer, format, arguments);
     std::string message;
-    if (length >= 0 && static_cast<std::size_t>(length) < sizeof buffer) {
+    if (length < 0) {
+        message = format; // an argument that cannot be written: the bare format says at least which line it was
+    } else if (static_cast<std::size_t>(length) < sizeof buffer) {
         message.assign(buffer, static_cast<std::size_t>(length));
-    } else if (length >= 0) {
+    } else {
         message.resize(static_cast<std::size_t>(length) + 1);
         std::vsnprintf(message.data(), message.size(), format, again);
         message.pop_back();
@@ -130,7 +133,7 @@ std::string format_message(const char* format, va_list arguments)
 
 void clog_printf(int level, const char* file, int line, const char* format, ...)
 {
-    if (level < g_level.load(std::memory_order_relaxed) || !format) return;
+    if (std::clamp(level, 0, 2) < g_level.load(std::memory_order_relaxed) || !format) return;
     va_list arguments;
     va_start(arguments, format);
     const std::string message = format_message(format, arguments);
