@@ -27,9 +27,15 @@ Record& record()
     return *kept;
 }
 
+/// A null text counts as an empty one.
+std::string text_of(const char* text)
+{
+    return text ? text : "";
+}
+
 void keep(Line line)
 {
-    static const bool is_echoed = std::getenv("VELSTREAM_TEST_LOG") != nullptr;
+    static const bool is_echoed = !text_of(std::getenv("VELSTREAM_TEST_LOG")).empty();
     if (is_echoed) std::fprintf(stderr, "%d %s:%d %s\n", line.level, line.file.c_str(), line.line, line.text.c_str());
     const std::lock_guard lock(record().mutex);
     record().lines.push_back(std::move(line));
@@ -106,19 +112,19 @@ void clog_printf(int level, const char* file, int line, const char* format, ...)
     std::vsnprintf(text.data(), text.size(), format, again);
     va_end(again);
     text.pop_back();
-    RecordingLog::keep({level, file, line, std::move(text)});
+    RecordingLog::keep({level, RecordingLog::text_of(file), line, std::move(text)});
 }
 
 void clog_set_log_level(const char* tag, int level)
 {
     const std::lock_guard lock(RecordingLog::record().mutex);
-    RecordingLog::record().levels.push_back({tag, level});
+    RecordingLog::record().levels.push_back({RecordingLog::text_of(tag), level});
 }
 
 void clogger(const char* tag, const char* path, int output)
 {
     const std::lock_guard lock(RecordingLog::record().mutex);
-    RecordingLog::record().outputs.push_back({tag, path, output});
+    RecordingLog::record().outputs.push_back({RecordingLog::text_of(tag), RecordingLog::text_of(path), output});
 }
 
 } // namespace Quorvis::VelClog

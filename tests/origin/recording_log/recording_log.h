@@ -1,4 +1,5 @@
-// What the library has logged in this process. Thread-safe.
+// What the library has logged in this process. Thread-safe. Every level is kept, and each text as it was formatted, a
+// trailing newline included. With VELSTREAM_TEST_LOG=1 the lines are also written to standard error.
 #pragma once
 
 #include <chrono>
