@@ -16,6 +16,8 @@ namespace {
 constexpr int kSquare = 32; // pixels; survives H.264, H.265 and MJPEG
 constexpr int kGuards = 2;
 constexpr int kMaxBits = 16;
+constexpr int kLeastWhite = 176;
+constexpr int kMostBlack = 80;
 constexpr guint64 kMaxQueuedBytes = 16U << 20U;
 
 // Segments a to g of the digits 0 to 9, bit 0 is a (top), then clockwise, g in the middle.
@@ -241,8 +243,9 @@ void FramePainter::draw_disc(std::uint8_t* i420, int number) const
     const int cx = static_cast<int>(width_ / 2.0 + std::sin(turn) * (width_ / 2.0 - radius - 4)) / 2 * 2;
     const int cy = static_cast<int>(height_ * 0.55 + std::cos(2 * turn) * height_ * 0.12) / 2 * 2;
     const Colour sun = colour(1.0, 0.75, 0.1);
-    for (int dy = -radius / 2 * 2; dy <= radius; dy += 2) {
-        const int half = static_cast<int>(std::sqrt(std::max(0, radius * radius - dy * dy))) / 2 * 2;
+    for (int dy = -radius / 2 * 2; dy < radius; dy += 2) {
+        const int from_middle = dy + 1; // middle of the two rows
+        const int half = static_cast<int>(std::sqrt(std::max(0, radius * radius - from_middle * from_middle)));
         fill(i420, cx - half, cy + dy, 2 * half, 2, sun);
     }
 }
@@ -261,7 +264,7 @@ void FramePainter::draw_noise(std::uint8_t* i420, int number) const
 
 void FramePainter::draw_digits(std::uint8_t* i420, int number) const
 {
-    const int unit = std::max(2, height_ / 90 / 2 * 2); // stroke, pixels
+    const int unit = std::max(4, height_ / 45 / 2 * 2); // stroke, pixels
     const int digit_width = 6 * unit;
     const Colour white = colour(1, 1, 1);
     const std::string text = std::to_string(number);
@@ -304,15 +307,18 @@ std::optional<int> read_frame_number(const std::uint8_t* rgb, int width, int hei
 {
     const int bits = marker_bits(width);
     if (!rgb || bits == 0 || height < kSquare) return std::nullopt;
-    const auto is_bright = [&](int square) {
+    const auto brightness = [&](int square) {
         const std::uint8_t* pixel = rgb + static_cast<std::size_t>(kSquare / 2) * stride +
                                     3 * static_cast<std::size_t>(square * kSquare + kSquare / 2);
-        return pixel[0] + pixel[1] + pixel[2] > 3 * 128;
+        return (pixel[0] + pixel[1] + pixel[2]) / 3;
     };
-    if (!is_bright(0) || is_bright(1)) return std::nullopt;
+    if (brightness(0) < kLeastWhite || brightness(1) > kMostBlack) return std::nullopt;
     int number = 0;
-    for (int bit = 0; bit < bits; ++bit)
-        number = number * 2 + (is_bright(kGuards + bit) ? 1 : 0);
+    for (int square = kGuards; square < kGuards + bits; ++square) {
+        const int level = brightness(square);
+        if (level > kMostBlack && level < kLeastWhite) return std::nullopt; // part of a picture, no marker
+        number = number * 2 + (level >= kLeastWhite ? 1 : 0);
+    }
     return number;
 }
 

@@ -54,7 +54,8 @@ private:
     std::vector<std::uint8_t> background_;
 };
 
-/// Squares of the marker that carry the number, most significant bit first. Before them stand a white and a black one.
+/// Squares of the marker that carry the number, most significant bit first. Before them stand a white and a black one;
+/// each is 32 x 32 pixels, along the top edge from the left: 8 squares at a width of 320, 16 from 576 up.
 int marker_bits(int width);
 
 /// Reads the number from the marker at the top left of a packed RGB picture.
