@@ -45,7 +45,8 @@ TEST_F(Rebuild, OfAFileThatEndsPlaysItAgainAndCountsOn)
     StreamCall call(configured_stream("file"), [&](const Image& image) {
         const std::lock_guard lock(mutex);
         indexes.push_back(image.frameIndex);
-        numbers.push_back(media::read_frame_number(image.data, image.width, image.height, 3 * image.width).value_or(-1));
+        numbers.push_back(
+            media::read_frame_number(image.data, image.width, image.height, 3 * image.width).value_or(-1));
     });
     ASSERT_TRUE(call.wait_for_frames(25)); // in the third round
     EXPECT_TRUE(stop_ends_call(call, "file"));
@@ -137,7 +138,8 @@ TEST_F(Rebuild, SeesAConfigurationThatIsNoJsonAsTheCallersException)
     make_video({.width = 320, .height = 180, .frames = 10}, path);
     const ConfigFile config(file_stream(path, false));
     std::once_flag once;
-    StreamCall call(configured_stream("file"), [&](const Image&) { std::call_once(once, [&] { config.write("{ no JSON"); }); });
+    StreamCall call(configured_stream("file"),
+                    [&](const Image&) { std::call_once(once, [&] { config.write("{ no JSON"); }); });
     ASSERT_TRUE(call.wait_for_end());
     EXPECT_NE(call.exception(), "");
     EXPECT_EQ(call.frames(), 10);

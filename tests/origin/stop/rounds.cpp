@@ -9,6 +9,7 @@
 #include <barrier>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <thread>
 
@@ -60,6 +61,27 @@ int record(const std::string& path, int frames)
     return EXIT_SUCCESS;
 }
 
+/// Streams that are stopped and streams that end by themselves; then GStreamer says what is left.
+int release()
+{
+    for (int number = 0; number < 20; ++number) {
+        StreamCall call(live_stream("released", {.frames = number % 2 ? -1 : 3}));
+        // On "ub2404" the first stop ends the later streams early.
+        call.wait_for_frames(2);
+        if (check_stop(call, "released") != EXIT_SUCCESS) return EXIT_FAILURE;
+    }
+    gst_deinit();
+    return EXIT_SUCCESS;
+}
+
+/// Keeps one pipeline, to see that it is noticed.
+int keep_a_pipeline()
+{
+    gst_pipeline_new("kept");
+    gst_deinit();
+    return EXIT_SUCCESS;
+}
+
 /// Starts and stops one of the streams: after as many frames as its number says, the first of them at once.
 bool start_and_stop(std::barrier<>& all, int number, int round)
 {
@@ -80,8 +102,10 @@ int eight_streams(int round)
     std::vector<char> ended(kStreams, 0);
     std::vector<std::thread> threads;
     for (int number = 0; number < kStreams; ++number)
-        threads.emplace_back([&, number] { ended[static_cast<std::size_t>(number)] = start_and_stop(all, number, round); });
-    for (std::thread& thread : threads) thread.join();
+        threads.emplace_back(
+            [&, number] { ended[static_cast<std::size_t>(number)] = start_and_stop(all, number, round); });
+    for (std::thread& thread : threads)
+        thread.join();
     for (int number = 0; number < kStreams; ++number) {
         if (!ended[static_cast<std::size_t>(number)]) return complain("stream " + std::to_string(number) + " goes on");
     }
@@ -92,7 +116,7 @@ int eight_streams(int round)
 
 CommandResult run_round(const std::vector<std::string>& arguments)
 {
-    std::vector<std::string> command{"/proc/self/exe", "--round"};
+    std::vector<std::string> command{std::filesystem::read_symlink("/proc/self/exe"), "--round"};
     command.insert(command.end(), arguments.begin(), arguments.end());
     return run_command(command);
 }
@@ -105,6 +129,8 @@ int be_round(const std::vector<std::string>& arguments)
     if (what == "stop-early") return stop_early(std::stoi(arguments.at(1)));
     if (what == "record") return record(arguments.at(1), std::stoi(arguments.at(2)));
     if (what == "eight-streams") return eight_streams(std::stoi(arguments.at(1)));
+    if (what == "release") return release();
+    if (what == "keep-a-pipeline") return keep_a_pipeline();
     return complain("unknown round " + what);
 }
 

@@ -55,9 +55,9 @@ TEST_F(Stop, WhileTheInputIsBeingBuiltEndsTheCallWithoutAFrame)
 {
     std::promise<void> is_building;
     StreamCall call(live_stream("slow", {.before_build = [&] {
-                        is_building.set_value();
-                        wait_for_log("I send_eos: stopping single pipeline slow");
-                    }}));
+                                    is_building.set_value();
+                                    wait_for_log("I send_eos: stopping single pipeline slow");
+                                }}));
     is_building.get_future().wait();
     EXPECT_TRUE(stop_ends_call(call, "slow"));
     EXPECT_EQ(call.result(), 0);
@@ -150,8 +150,10 @@ TEST_F(Stop, WhileTheStreamEndsByItselfEndsTheCall)
 {
     for (int round = 0; round < 15; ++round) {
         SCOPED_TRACE(round);
-        StreamCall call(live_stream("ending", {.fps = 100, .frames = 4}));
-        call.wait_for_frames(round % 5);
+        StreamCall call(live_stream("ending", {.fps = 100, .frames = 5}));
+        // On "ub2404" the first stop ends the later streams early.
+        const bool is_there = call.wait_for_frames(round % 5);
+        ASSERT_TRUE(is_there || (round > 0 && platform() == "ub2404"));
         ASSERT_TRUE(stop_ends_call(call, "ending"));
     }
 }
@@ -161,7 +163,8 @@ TEST_F(Stop, OfAShortFileAtItsEndEndsTheCall)
     const TemporaryFolder folder;
     const std::string path = folder.file("short.mp4");
     make_video({.width = 320, .height = 180, .frames = 10}, path);
-    const ConfigFile config(one_stream("file", R"("inputType": "file", "manualRebuild": true, "inputAddr": ")" + path + "\""));
+    const ConfigFile config(
+        one_stream("file", R"("inputType": "file", "manualRebuild": true, "inputAddr": ")" + path + "\""));
     StreamCall call(configured_stream("file"));
     call.wait_for_frames(9);
     EXPECT_TRUE(stop_ends_call(call, "file"));
