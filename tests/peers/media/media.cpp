@@ -75,10 +75,7 @@ ElementHandle by_name(GstElement* pipeline, const std::string& name)
 
 void configure_source(GstElement* source, const MediaSpec& spec)
 {
-    GstCaps* caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT, spec.width,
-                                        "height", G_TYPE_INT, spec.height, "framerate", GST_TYPE_FRACTION, spec.fps, 1,
-                                        "colorimetry", G_TYPE_STRING, spec.height >= 720 ? "bt709" : "bt601",
-                                        "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr);
+    GstCaps* caps = frame_caps(spec);
     g_object_set(source, "caps", caps, "format", GST_FORMAT_TIME, nullptr);
     gst_caps_unref(caps);
 }
@@ -115,17 +112,8 @@ void push_frames(GstElement* pipeline, const std::vector<ElementHandle>& sources
     for (int number = 0; number < spec.frames; ++number) {
         for (const ElementHandle& source : sources) {
             if (!wait_for_room(pipeline, source.get())) return;
-            GstBuffer* buffer = gst_buffer_new_allocate(nullptr, painter.size(), nullptr);
-            GstMapInfo map;
-            gst_buffer_map(buffer, &map, GST_MAP_WRITE);
-            painter.paint(number, map.data);
-            gst_buffer_unmap(buffer, &map);
-            announce_tight_rows(buffer, spec.width, spec.height);
-            const auto index = static_cast<guint64>(number);
-            const auto rate = static_cast<guint64>(spec.fps);
-            GST_BUFFER_PTS(buffer) = index * GST_SECOND / rate;
-            GST_BUFFER_DURATION(buffer) = (index + 1) * GST_SECOND / rate - GST_BUFFER_PTS(buffer);
-            if (gst_app_src_push_buffer(GST_APP_SRC(source.get()), buffer) != GST_FLOW_OK) return;
+            if (gst_app_src_push_buffer(GST_APP_SRC(source.get()), make_frame(painter, spec, number)) != GST_FLOW_OK)
+                return;
         }
     }
     for (const ElementHandle& source : sources)
@@ -150,6 +138,29 @@ std::string wait_for_end(GstElement* pipeline)
 }
 
 } // namespace
+
+GstCaps* frame_caps(const MediaSpec& spec)
+{
+    return gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT, spec.width,
+                               "height", G_TYPE_INT, spec.height, "framerate", GST_TYPE_FRACTION, spec.fps, 1,
+                               "colorimetry", G_TYPE_STRING, spec.height >= 720 ? "bt709" : "bt601",
+                               "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr);
+}
+
+GstBuffer* make_frame(FramePainter& painter, const MediaSpec& spec, int number)
+{
+    GstBuffer* buffer = gst_buffer_new_allocate(nullptr, painter.size(), nullptr);
+    GstMapInfo map;
+    gst_buffer_map(buffer, &map, GST_MAP_WRITE);
+    painter.paint(number, map.data);
+    gst_buffer_unmap(buffer, &map);
+    announce_tight_rows(buffer, spec.width, spec.height);
+    const auto index = static_cast<guint64>(number);
+    const auto rate = static_cast<guint64>(spec.fps);
+    GST_BUFFER_PTS(buffer) = index * GST_SECOND / rate;
+    GST_BUFFER_DURATION(buffer) = (index + 1) * GST_SECOND / rate - GST_BUFFER_PTS(buffer);
+    return buffer;
+}
 
 std::string make_media(const MediaSpec& spec, const std::string& path)
 {

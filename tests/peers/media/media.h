@@ -1,6 +1,8 @@
 // Generated media: a moving picture with each frame's number in it, for the demonstration and for the tests.
 #pragma once
 
+#include <gst/gst.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -53,6 +55,12 @@ private:
     bool has_noise_;
     std::vector<std::uint8_t> background_;
 };
+
+/// Caps of the frames as they are drawn: I420 with size, rate and colorimetry of `spec`. The caller owns them.
+GstCaps* frame_caps(const MediaSpec& spec);
+
+/// Draws frame `number` into a new buffer with time stamp, duration and video meta. The caller owns it.
+GstBuffer* make_frame(FramePainter& painter, const MediaSpec& spec, int number);
 
 /// Squares of the marker that carry the number, most significant bit first. Before them stand a white and a black one;
 /// each is 32 x 32 pixels, along the top edge from the left: 8 squares at a width of 320, 16 from 576 up.

@@ -1,0 +1,184 @@
+#include "record_factory.h"
+
+#include "peer_handles.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+namespace peers {
+
+namespace {
+
+constexpr char kStateKey[] = "velstream-recording";
+
+/// State of one recording. The counter is written by streaming threads, `is_ended` by the client's thread.
+struct Recording {
+    std::atomic<int> frames{0};
+    std::atomic<bool> is_ended{false};
+};
+
+Recording* recording_of(GstRTSPMedia* media)
+{
+    return static_cast<Recording*>(g_object_get_data(G_OBJECT(media), kStateKey));
+}
+
+/// Encodings of an announced session, one for each of its media: "H264", "H265", "MP2T", "MPEG4-GENERIC".
+std::vector<std::string> announced_encodings(const GstSDPMessage* sdp)
+{
+    std::vector<std::string> encodings;
+    for (guint i = 0; i < gst_sdp_message_medias_len(sdp); ++i) {
+        const GstSDPMedia* media = gst_sdp_message_get_media(sdp, i);
+        const gchar* format = gst_sdp_media_get_format(media, 0);
+        const CapsPtr caps(gst_sdp_media_get_caps_from_media(media, format ? std::atoi(format) : 0));
+        const gchar* name =
+            caps ? gst_structure_get_string(gst_caps_get_structure(caps.get(), 0), "encoding-name") : nullptr;
+        encodings.emplace_back(name ? name : "");
+    }
+    return encodings;
+}
+
+/// Chain of one announced media. The server links the element named depay0, depay1, ... to what it receives.
+std::string receive_chain(const std::string& encoding, std::size_t index)
+{
+    const std::string name = " name=depay" + std::to_string(index);
+    if (encoding == "H264")
+        return " rtph264depay" + name + " ! video/x-h264,alignment=au ! h264parse name=counted ! queue ! mux. ";
+    if (encoding == "H265")
+        return " rtph265depay" + name + " ! video/x-h265,alignment=au ! h265parse name=counted ! queue ! mux. ";
+    if (encoding == "MPEG4-GENERIC") return " rtpmp4gdepay" + name + " ! aacparse ! queue ! mux. ";
+    return " rtpjitterbuffer" + name + " ! fakesink async=false ";
+}
+
+bool ends_with(const std::string& text, const std::string& end)
+{
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+std::string record_launch(const std::vector<std::string>& encodings, const std::string& path)
+{
+    // A transport stream is written as it comes; its second branch only counts.
+    if (encodings.size() == 1 && encodings[0] == "MP2T")
+        return "( rtpmp2tdepay name=depay0 ! tee name=split ! queue ! filesink name=file async=false "
+               "split. ! queue ! tsdemux name=counted-demux )";
+    const std::string muxer = ends_with(path, ".ts") ? "mpegtsmux" : "mp4mux";
+    std::string launch = "( " + muxer + " name=mux ! filesink name=file async=false";
+    for (std::size_t i = 0; i < encodings.size(); ++i)
+        launch += receive_chain(encodings[i], i);
+    return launch + ")";
+}
+
+GstRTSPStatusCode on_announce(GstRTSPClient*, GstRTSPContext* context, gpointer factory)
+{
+    guint8* body = nullptr;
+    guint size = 0;
+    gst_rtsp_message_get_body(context->request, &body, &size);
+    GstSDPMessage* parsed = nullptr;
+    gst_sdp_message_new(&parsed);
+    const SdpPtr sdp(parsed);
+    if (!body || gst_sdp_message_parse_buffer(body, size, parsed) != GST_SDP_OK) return GST_RTSP_STS_BAD_REQUEST;
+    const auto* path = static_cast<const std::string*>(g_object_get_data(G_OBJECT(factory), kStateKey));
+    const std::string launch = record_launch(announced_encodings(parsed), *path);
+    gst_rtsp_media_factory_set_launch(GST_RTSP_MEDIA_FACTORY(factory), launch.c_str());
+    return GST_RTSP_STS_OK;
+}
+
+/// The client has ended its stream itself: what it sent before is complete.
+GstRTSPStatusCode on_teardown(GstRTSPClient*, GstRTSPContext* context, gpointer)
+{
+    GstRTSPMedia* media = context->sessmedia ? gst_rtsp_session_media_get_media(context->sessmedia) : nullptr;
+    if (media && recording_of(media)) recording_of(media)->is_ended = true;
+    return GST_RTSP_STS_OK;
+}
+
+void on_record(GstRTSPClient*, GstRTSPContext*, gpointer)
+{
+    std::puts("record");
+    std::fflush(stdout);
+}
+
+void on_client(GstRTSPServer*, GstRTSPClient* client, gpointer factory)
+{
+    g_signal_connect(client, "pre-announce-request", G_CALLBACK(on_announce), factory);
+    g_signal_connect(client, "pre-teardown-request", G_CALLBACK(on_teardown), nullptr);
+    g_signal_connect(client, "record-request", G_CALLBACK(on_record), nullptr);
+}
+
+GstPadProbeReturn count_frame(GstPad*, GstPadProbeInfo*, gpointer recording)
+{
+    ++static_cast<Recording*>(recording)->frames;
+    return GST_PAD_PROBE_OK;
+}
+
+void count_frames_of(GstPad* pad, Recording* recording)
+{
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, count_frame, recording, nullptr);
+}
+
+void on_transport_pad(GstElement* demux, GstPad* pad, gpointer recording)
+{
+    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    if (caps && g_str_has_prefix(gst_structure_get_name(gst_caps_get_structure(caps.get(), 0)), "video/"))
+        count_frames_of(pad, static_cast<Recording*>(recording));
+    GstElement* sink = gst_element_factory_make("fakesink", nullptr);
+    g_object_set(sink, "sync", FALSE, "async", FALSE, nullptr);
+    gst_bin_add(GST_BIN(GST_OBJECT_PARENT(demux)), sink);
+    const PadPtr sink_pad(gst_element_get_static_pad(sink, "sink"));
+    gst_pad_link(pad, sink_pad.get());
+    gst_element_sync_state_with_parent(sink);
+}
+
+void on_unprepared(GstRTSPMedia* media, gpointer)
+{
+    const Recording& recording = *recording_of(media);
+    std::printf("%s frames=%d\n", recording.is_ended ? "eos" : "lost", recording.frames.load());
+    std::fflush(stdout);
+}
+
+std::string numbered(const std::string& path, int number)
+{
+    if (number == 1) return path;
+    const std::filesystem::path whole(path);
+    const std::string name = whole.stem().string() + "-" + std::to_string(number) + whole.extension().string();
+    return (whole.parent_path() / name).string();
+}
+
+void configure_recording(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer path)
+{
+    static std::atomic<int> number{0};
+    auto recording = std::make_unique<Recording>();
+    const ElementPtr bin(gst_rtsp_media_get_element(media));
+    const ElementPtr file(gst_bin_get_by_name(GST_BIN(bin.get()), "file"));
+    g_object_set(file.get(), "location", numbered(*static_cast<const std::string*>(path), ++number).c_str(), nullptr);
+    if (const ElementPtr parser{gst_bin_get_by_name(GST_BIN(bin.get()), "counted")})
+        count_frames_of(PadPtr(gst_element_get_static_pad(parser.get(), "src")).get(), recording.get());
+    if (const ElementPtr demux{gst_bin_get_by_name(GST_BIN(bin.get()), "counted-demux")})
+        g_signal_connect(demux.get(), "pad-added", G_CALLBACK(on_transport_pad), recording.get());
+    g_signal_connect(media, "unprepared", G_CALLBACK(on_unprepared), nullptr);
+    g_object_set_data_full(G_OBJECT(media), kStateKey, recording.release(),
+                           [](gpointer data) { delete static_cast<Recording*>(data); });
+}
+
+} // namespace
+
+GstRTSPMediaFactory* make_record_factory(const std::string& path)
+{
+    GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
+    gst_rtsp_media_factory_set_transport_mode(factory, GST_RTSP_TRANSPORT_MODE_RECORD);
+    gst_rtsp_media_factory_set_eos_shutdown(factory, TRUE); // the muxer writes its index at the end
+    auto* kept_path = new std::string(path);
+    g_object_set_data_full(G_OBJECT(factory), kStateKey, kept_path,
+                           [](gpointer data) { delete static_cast<std::string*>(data); });
+    g_signal_connect(factory, "media-configure", G_CALLBACK(configure_recording), kept_path);
+    return factory;
+}
+
+void watch_announcements(GstRTSPServer* server, GstRTSPMediaFactory* factory)
+{
+    g_signal_connect(server, "client-connected", G_CALLBACK(on_client), factory);
+}
+
+} // namespace peers

@@ -1,0 +1,21 @@
+// What the RTSP peer records.
+#pragma once
+
+#include <gst/rtsp-server/rtsp-server.h>
+
+#include <string>
+
+namespace peers {
+
+/// Takes what clients send (H.264 or H.265 with or without AAC, or an MPEG transport stream) and writes it to `path`:
+/// MP4, or a transport stream for a path that ends in ".ts" and for whatever comes as one. A second recording gets
+/// "-2" before the ending, and so on.
+///
+/// Lines on standard output: `record` when a client starts; `eos frames=N` when it has ended its stream and the file is
+/// finished, N video frames as received; `lost frames=N` when it went away without ending it.
+GstRTSPMediaFactory* make_record_factory(const std::string& path);
+
+/// Lets the factory see the clients' announcements: it builds a pipeline for what they send.
+void watch_announcements(GstRTSPServer* server, GstRTSPMediaFactory* factory);
+
+} // namespace peers
