@@ -63,6 +63,21 @@ Samples collect(const std::string& description)
     return samples;
 }
 
+/// Runs a description that has a sink of its own to its end.
+void run_to_end(const std::string& description)
+{
+    GError* error = nullptr;
+    const ElementPtr pipeline(gst_parse_launch(description.c_str(), &error));
+    ASSERT_FALSE(error) << error->message;
+    gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
+    const BusPtr bus(gst_element_get_bus(pipeline.get()));
+    const MessagePtr message(gst_bus_timed_pop_filtered(
+        bus.get(), 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
+    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+    ASSERT_TRUE(message) << description;
+    ASSERT_EQ(GST_MESSAGE_TYPE(message.get()), GST_MESSAGE_EOS) << description;
+}
+
 std::string raw_caps(int width, int height, const std::string& more = ",format=I420")
 {
     return "video/x-raw,width=" + std::to_string(width) + ",height=" + std::to_string(height) + ",framerate=25/1" +
@@ -444,6 +459,39 @@ TEST(Decoders, LiveStreamWithoutBFramesIsNotHeldBack)
     EXPECT_LE(gst_harness_query_latency(harness.get()), kFrameDuration);
 }
 
+TEST(Decoders, SourceThatCannotBeSoughtIsNotHeldBackEither)
+{
+    const Samples stream = encoded("h265", 20, 320, 240);
+    const HarnessPtr harness = make_harness("qtic2vdec");
+    set_caps(harness.get(), stream);
+    for (std::size_t i = 0; i < stream.size(); ++i) {
+        push(harness.get(), stream[i]);
+        EXPECT_GE(gst_harness_buffers_received(harness.get()), i);
+    }
+}
+
+TEST(Decoders, FileGivesTheReferenceDecodersFrames)
+{
+    const std::string path = testing::TempDir() + "decoders_" + std::to_string(getpid()) + ".mp4";
+    for (const std::string codec : {"h264", "h265"}) {
+        run_to_end(picture_source(60, raw_caps(642, 362)) + " ! " + encoder_for(codec, 3) + " ! " + codec +
+                   "parse ! mp4mux ! filesink location=" + path);
+        const std::string start = "filesrc location=" + path + " ! qtdemux ! " + codec + "parse ! ";
+        const Samples expected = collect(start + "avdec_" + codec + " ! videoconvert ! video/x-raw,format=NV12");
+        const Samples frames = collect(start + "qtivdec");
+        ASSERT_EQ(expected.size(), 60U) << codec;
+        ASSERT_EQ(frames.size(), 60U) << codec;
+        const GstVideoInfo info = info_of(gst_sample_get_caps(frames[0].get()));
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            GstBuffer* reference = gst_sample_get_buffer(expected[i].get());
+            EXPECT_EQ(squared_error(gst_sample_get_buffer(frames[i].get()), reference, info), 0.0)
+                << codec << " frame " << i;
+            EXPECT_EQ(GST_BUFFER_PTS(gst_sample_get_buffer(frames[i].get())), GST_BUFFER_PTS(reference)) << codec;
+        }
+    }
+    std::remove(path.c_str());
+}
+
 TEST(Decoders, LatencyOfReorderedFramesIsReported)
 {
     const Samples stream = encoded("h264", 20, 320, 240, 3);
@@ -678,6 +726,39 @@ TEST(Encoders, PictureIsOneSlice)
     }
 }
 
+/// Types of the NAL units of a byte-stream H.265 access unit.
+std::vector<int> h265_nal_types(GstBuffer* buffer)
+{
+    const std::vector<guint8> bytes = bytes_of(buffer);
+    std::vector<int> types;
+    for (std::size_t i = 0; i + 3 < bytes.size(); ++i) {
+        if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1) types.push_back((bytes[i + 3] >> 1) & 0x3f);
+    }
+    return types;
+}
+
+TEST(Encoders, EveryH265KeyFrameHasItsParameterSetsOnceAndOnePicture)
+{
+    for (const char* factory : {"qtic2venc idr-interval=4", "v4l2h265enc extra-controls=controls,video_gop_size=4"}) {
+        CapsPtr caps;
+        const auto buffers = encode(factory, small_pictures(12), "video/x-h265,stream-format=byte-stream", caps);
+        ASSERT_EQ(buffers.size(), 12U) << factory;
+        for (std::size_t i = 0; i < buffers.size(); ++i) {
+            const std::vector<int> types = h265_nal_types(buffers[i].get());
+            const bool is_key = i % 4 == 0;
+            EXPECT_EQ(is_key_frame(buffers[i]), is_key) << factory << " frame " << i;
+            for (const int parameter_set : {32, 33, 34})
+                EXPECT_EQ(std::count(types.begin(), types.end(), parameter_set), is_key ? 1 : 0)
+                    << factory << " frame " << i;
+            const auto pictures_of_unit = std::count_if(types.begin(), types.end(), [](int type) { return type < 32; });
+            EXPECT_EQ(pictures_of_unit, 1) << factory << " frame " << i;
+            const bool is_idr =
+                std::count_if(types.begin(), types.end(), [](int type) { return type == 19 || type == 20; });
+            EXPECT_EQ(is_idr, is_key) << factory << " frame " << i;
+        }
+    }
+}
+
 TEST(Encoders, TargetBitrateIsKept)
 {
     const Samples input = pictures(75, raw_caps(320, 240, ",format=NV12"), "snow");
@@ -796,19 +877,8 @@ TEST(Encoders, Mp4BeginsAtZeroAndHasEveryFrame)
     for (const char* chain :
          {"v4l2h264enc ! h264parse config-interval=1", "qtic2venc b-frames=4 target-bitrate=2000000 ! h264parse",
           "qtic2venc ! h265parse", "v4l2h265enc", "qtic2venc"}) {
-        GError* error = nullptr;
-        const ElementPtr pipeline(gst_parse_launch((picture_source(30, raw_caps(320, 240, ",format=NV12")) + " ! " +
-                                                    chain + " ! mp4mux ! filesink location=" + path)
-                                                       .c_str(),
-                                                   &error));
-        ASSERT_FALSE(error) << error->message;
-        gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
-        const BusPtr bus(gst_element_get_bus(pipeline.get()));
-        const MessagePtr message(gst_bus_timed_pop_filtered(
-            bus.get(), 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
-        gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-        ASSERT_TRUE(message) << chain;
-        ASSERT_EQ(GST_MESSAGE_TYPE(message.get()), GST_MESSAGE_EOS) << chain;
+        run_to_end(picture_source(30, raw_caps(320, 240, ",format=NV12")) + " ! " + chain +
+                   " ! mp4mux ! filesink location=" + path);
         EXPECT_EQ(probe(path, "start_time,nb_read_frames"), "0.000000,30") << chain;
     }
     std::remove(path.c_str());

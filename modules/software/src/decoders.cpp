@@ -6,6 +6,7 @@
 #include "codec_properties.h"
 #include "codec_waylandsink.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace velstream::software {
@@ -123,6 +124,30 @@ bool install_decoder(GstElement* element, Codec codec)
     return true;
 }
 
+/// Whether upstream can be sought: recorded media then, whatever it says about being live.
+bool is_recorded(GstPad* sink)
+{
+    GstQuery* query = gst_query_new_seeking(GST_FORMAT_TIME);
+    gboolean is_seekable = FALSE;
+    if (gst_pad_peer_query(sink, query)) gst_query_parse_seeking(query, nullptr, &is_seekable, nullptr, nullptr);
+    gst_query_unref(query);
+    return is_seekable;
+}
+
+/// Frame threads decode recorded media fastest, but each holds a frame back, which nobody wants of a source that runs
+/// in real time: RTMP and an appsrc do not always say that they are live. Two more threads than processors keep all of
+/// them busy while the bridge copies.
+void choose_threads(GstElement* decoder, GstPad* sink)
+{
+    if (is_recorded(sink)) {
+        gst_util_set_object_arg(G_OBJECT(decoder), "thread-type", "0");
+        g_object_set(decoder, "max-threads", static_cast<gint>(std::min(g_get_num_processors() + 2, 16U)), nullptr);
+    } else {
+        gst_util_set_object_arg(G_OBJECT(decoder), "thread-type", "slice");
+        g_object_set(decoder, "max-threads", 0, nullptr);
+    }
+}
+
 /// The stream says what it is: changes the inner decoder where it is the other codec's.
 bool follow_caps(GstElement* element, GstEvent* event)
 {
@@ -130,9 +155,12 @@ bool follow_caps(GstElement* element, GstEvent* event)
     gst_event_parse_caps(event, &caps);
     DecoderState& state = state_of(element);
     const Codec codec = codec_of(caps);
-    if (state.codec == codec) return true;
-    state.chain.drain();
-    return install_decoder(element, codec);
+    if (state.codec != codec) {
+        state.chain.drain();
+        if (!install_decoder(element, codec)) return false;
+    }
+    choose_threads(state.chain.at(0), state.chain.sink());
+    return true;
 }
 
 gboolean sink_event(GstPad* pad, GstObject* parent, GstEvent* event)

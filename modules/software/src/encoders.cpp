@@ -59,8 +59,7 @@ struct EncoderSettings {
 /// Everything that a running encoder cannot change: another plan needs fresh elements.
 struct EncoderPlan {
     Codec codec = Codec::h264;
-    bool needs_parser = false; ///< x265enc gives byte-stream only; the parser turns it into hvc1 or hev1
-    guint key_interval = 0;    ///< frames
+    guint key_interval = 0; ///< frames
     int control_rate = kConstant;
     bool is_large = false; ///< more than 1080p: slices are encoded side by side
 
@@ -197,7 +196,7 @@ ElementPtr make_h265_encoder(const EncoderPlan& plan)
     gst_util_set_object_arg(G_OBJECT(encoder.get()), "speed-preset", "ultrafast");
     if (plan.control_rate == kDisable) g_object_set(encoder.get(), "qp", 28, nullptr);
     g_object_set(encoder.get(), "key-int-max", static_cast<gint>(plan.key_interval), "option-string",
-                 "bframes=0:rc-lookahead=0:frame-threads=1:repeat-headers=1", nullptr);
+                 "bframes=0:rc-lookahead=0:frame-threads=1:open-gop=0:info=0", nullptr);
     return encoder;
 }
 
@@ -249,8 +248,8 @@ GstPadProbeReturn unshift_times(GstPad*, GstPadProbeInfo* info, gpointer element
 bool install_encoder(GstElement* element, const EncoderPlan& plan)
 {
     ElementPtr encoder = make_encoder(plan);
-    ElementPtr parser = plan.needs_parser ? make_element("h265parse") : nullptr;
-    if (!encoder || (plan.needs_parser && !parser)) {
+    ElementPtr parser = plan.codec == Codec::h265 ? make_element("h265parse") : nullptr;
+    if (!encoder || (plan.codec == Codec::h265 && !parser)) {
         GST_ELEMENT_ERROR(
             element, CORE, MISSING_PLUGIN,
             ("%s is missing: install the packages gstreamer1.0-plugins-ugly and gstreamer1.0-plugins-bad.",
@@ -258,6 +257,9 @@ bool install_encoder(GstElement* element, const EncoderPlan& plan)
             (nullptr));
         return false;
     }
+    // x265enc gives byte-stream only; the parser makes hvc1 or hev1 of it, and puts the parameter sets before each key
+    // frame. x265's own "repeat-headers" is no way to them: x265enc then sends stray bytes in the first access unit.
+    if (parser) g_object_set(parser.get(), "config-interval", -1, nullptr);
     apply_bitrate(element, encoder.get(), plan.codec);
     const PadPtr src(gst_element_get_static_pad(encoder.get(), "src"));
     constexpr auto probed =
@@ -292,19 +294,12 @@ CapsPtr allowed_source_caps(GstElement* element)
     return peer && !gst_caps_is_empty(peer.get()) ? std::move(peer) : std::move(own);
 }
 
-bool takes_byte_stream(GstCaps* caps)
-{
-    const CapsPtr byte_stream(gst_caps_from_string("video/x-h265, stream-format=(string)byte-stream"));
-    return gst_caps_can_intersect(caps, byte_stream.get());
-}
-
 EncoderPlan make_plan(GstElement* element, const GstVideoInfo& info)
 {
     const CapsPtr allowed = allowed_source_caps(element);
     const EncoderSettings settings = current_settings(element);
     EncoderPlan plan;
     plan.codec = has_codec(allowed.get(), "video/x-h264") ? Codec::h264 : Codec::h265;
-    plan.needs_parser = plan.codec == Codec::h265 && !takes_byte_stream(allowed.get());
     plan.key_interval = settings.idr_interval ? settings.idr_interval : static_cast<guint>(frame_rate(info) * 2 + 0.5);
     plan.control_rate = settings.control_rate;
     plan.is_large = GST_VIDEO_INFO_WIDTH(&info) * GST_VIDEO_INFO_HEIGHT(&info) > 1920 * 1088;
