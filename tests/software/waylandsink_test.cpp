@@ -232,7 +232,8 @@ protected:
         weston_ = spawn({"weston", "--backend=headless-backend.so", "--use-gl", "--debug", "--socket=wayland-1",
                          "--width=1024", "--height=640", "--no-config"},
                         (folder_ / "weston.log").string());
-        ASSERT_TRUE(wait_until([&] { return fs::exists(folder_ / "wayland-1"); }, 30));
+        // The socket is there before anyone answers on it; a picture of the screen takes the whole compositor.
+        ASSERT_TRUE(wait_until([&] { return fs::exists(folder_ / "wayland-1") && !screenshot().empty(); }, 60));
     }
 
     void TearDown() override
@@ -270,7 +271,7 @@ protected:
                 return GST_PAD_PROBE_OK;
             },
             &frames, nullptr);
-        gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
+        EXPECT_NE(gst_element_set_state(pipeline.get(), GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
         if (new_width > 0) {
             EXPECT_TRUE(wait_until([&] { return frames >= 5; }, 60));
             g_object_set(display.get(), "width", new_width, "height", new_height, nullptr);
