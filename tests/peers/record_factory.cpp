@@ -26,7 +26,7 @@ Recording* recording_of(GstRTSPMedia* media)
     return static_cast<Recording*>(g_object_get_data(G_OBJECT(media), kStateKey));
 }
 
-/// Encodings of an announced session, one for each of its media: "H264", "H265", "MP2T", "MPEG4-GENERIC".
+/// Encodings of an announced session, one for each of its media: "H264", "H265", "MP2T", "MPEG4-GENERIC", ...
 std::vector<std::string> announced_encodings(const GstSDPMessage* sdp)
 {
     std::vector<std::string> encodings;
@@ -50,7 +50,8 @@ std::string receive_chain(const std::string& encoding, std::size_t index)
     if (encoding == "H265")
         return " rtph265depay" + name + " ! video/x-h265,alignment=au ! h265parse name=counted ! queue ! mux. ";
     if (encoding == "MPEG4-GENERIC") return " rtpmp4gdepay" + name + " ! aacparse ! queue ! mux. ";
-    return " rtpjitterbuffer" + name + " ! fakesink async=false ";
+    if (encoding == "MP4A-LATM") return " rtpmp4adepay" + name + " ! aacparse ! queue ! mux. ";
+    return " identity" + name + " ! fakesink async=false ";
 }
 
 bool ends_with(const std::string& text, const std::string& end)
@@ -71,20 +72,55 @@ std::string record_launch(const std::vector<std::string>& encodings, const std::
     return launch + ")";
 }
 
-GstRTSPStatusCode on_announce(GstRTSPClient*, GstRTSPContext* context, gpointer factory)
+/// The announcement that is being answered on this thread; null when it is another request, or unreadable.
+SdpPtr current_announcement()
 {
+    const GstRTSPContext* context = gst_rtsp_context_get_current();
     guint8* body = nullptr;
     guint size = 0;
-    gst_rtsp_message_get_body(context->request, &body, &size);
+    if (context && context->request) gst_rtsp_message_get_body(context->request, &body, &size);
+    if (!body) return nullptr;
     GstSDPMessage* parsed = nullptr;
     gst_sdp_message_new(&parsed);
-    const SdpPtr sdp(parsed);
-    if (!body || gst_sdp_message_parse_buffer(body, size, parsed) != GST_SDP_OK) return GST_RTSP_STS_BAD_REQUEST;
-    const auto* path = static_cast<const std::string*>(g_object_get_data(G_OBJECT(factory), kStateKey));
-    const std::string launch = record_launch(announced_encodings(parsed), *path);
-    gst_rtsp_media_factory_set_launch(GST_RTSP_MEDIA_FACTORY(factory), launch.c_str());
-    return GST_RTSP_STS_OK;
+    SdpPtr sdp(parsed);
+    return gst_sdp_message_parse_buffer(body, size, parsed) == GST_SDP_OK ? std::move(sdp) : nullptr;
 }
+
+/// A media factory that makes its pipeline for what the client announces.
+struct RecordFactory {
+    GstRTSPMediaFactory parent;
+    std::string* path;
+};
+struct RecordFactoryClass {
+    GstRTSPMediaFactoryClass parent;
+};
+G_DEFINE_TYPE(RecordFactory, record_factory, GST_TYPE_RTSP_MEDIA_FACTORY)
+
+GstElement* create_element(GstRTSPMediaFactory* factory, const GstRTSPUrl*)
+{
+    const SdpPtr sdp = current_announcement();
+    if (!sdp) return nullptr;
+    const std::string& path = *reinterpret_cast<RecordFactory*>(factory)->path;
+    GError* error = nullptr;
+    GstElement* bin = gst_parse_launch_full(record_launch(announced_encodings(sdp.get()), path).c_str(), nullptr,
+                                            GST_PARSE_FLAG_PLACE_IN_BIN, &error);
+    if (error) std::fprintf(stderr, "velstream-rtsp-peer: %s\n", ErrorPtr(error)->message);
+    return bin;
+}
+
+void finalize_factory(GObject* object)
+{
+    delete reinterpret_cast<RecordFactory*>(object)->path;
+    G_OBJECT_CLASS(record_factory_parent_class)->finalize(object);
+}
+
+void record_factory_class_init(RecordFactoryClass* record_class)
+{
+    G_OBJECT_CLASS(record_class)->finalize = finalize_factory;
+    GST_RTSP_MEDIA_FACTORY_CLASS(record_class)->create_element = create_element;
+}
+
+void record_factory_init(RecordFactory*) {}
 
 /// The client has ended its stream itself: what it sent before is complete.
 GstRTSPStatusCode on_teardown(GstRTSPClient*, GstRTSPContext* context, gpointer)
@@ -100,9 +136,8 @@ void on_record(GstRTSPClient*, GstRTSPContext*, gpointer)
     std::fflush(stdout);
 }
 
-void on_client(GstRTSPServer*, GstRTSPClient* client, gpointer factory)
+void on_client(GstRTSPServer*, GstRTSPClient* client, gpointer)
 {
-    g_signal_connect(client, "pre-announce-request", G_CALLBACK(on_announce), factory);
     g_signal_connect(client, "pre-teardown-request", G_CALLBACK(on_teardown), nullptr);
     g_signal_connect(client, "record-request", G_CALLBACK(on_record), nullptr);
 }
@@ -166,19 +201,18 @@ void configure_recording(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer pat
 
 GstRTSPMediaFactory* make_record_factory(const std::string& path)
 {
-    GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
+    auto* record = static_cast<RecordFactory*>(g_object_new(record_factory_get_type(), nullptr));
+    record->path = new std::string(path);
+    GstRTSPMediaFactory* factory = GST_RTSP_MEDIA_FACTORY(record);
     gst_rtsp_media_factory_set_transport_mode(factory, GST_RTSP_TRANSPORT_MODE_RECORD);
     gst_rtsp_media_factory_set_eos_shutdown(factory, TRUE); // the muxer writes its index at the end
-    auto* kept_path = new std::string(path);
-    g_object_set_data_full(G_OBJECT(factory), kStateKey, kept_path,
-                           [](gpointer data) { delete static_cast<std::string*>(data); });
-    g_signal_connect(factory, "media-configure", G_CALLBACK(configure_recording), kept_path);
+    g_signal_connect(factory, "media-configure", G_CALLBACK(configure_recording), record->path);
     return factory;
 }
 
-void watch_announcements(GstRTSPServer* server, GstRTSPMediaFactory* factory)
+void watch_recorders(GstRTSPServer* server)
 {
-    g_signal_connect(server, "client-connected", G_CALLBACK(on_client), factory);
+    g_signal_connect(server, "client-connected", G_CALLBACK(on_client), nullptr);
 }
 
 } // namespace peers

@@ -15,7 +15,7 @@ namespace peers {
 /// finished, N video frames as received; `lost frames=N` when it went away without ending it.
 GstRTSPMediaFactory* make_record_factory(const std::string& path);
 
-/// Lets the factory see the clients' announcements: it builds a pipeline for what they send.
-void watch_announcements(GstRTSPServer* server, GstRTSPMediaFactory* factory);
+/// Watches the clients of a server that records, for the lines above.
+void watch_recorders(GstRTSPServer* server);
 
 } // namespace peers

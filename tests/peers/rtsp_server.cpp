@@ -50,7 +50,7 @@ int serve(GstRTSPMediaFactory* factory, bool is_recording, const Options& option
     gst_rtsp_server_set_service(server.get(), std::to_string(options.port).c_str());
     const peers::ObjectPtr<GstRTSPThreadPool> threads(gst_rtsp_server_get_thread_pool(server.get()));
     gst_rtsp_thread_pool_set_max_threads(threads.get(), 4);
-    if (is_recording) peers::watch_announcements(server.get(), factory);
+    if (is_recording) peers::watch_recorders(server.get());
     const peers::ObjectPtr<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server.get()));
     gst_rtsp_mount_points_add_factory(mounts.get(), options.mount.c_str(), factory); // takes the factory
     const peers::ObjectPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server.get()));
