@@ -36,6 +36,19 @@ TEST_F(StopWithSlowCallback, EndsTheCallWithinItsBound)
     EXPECT_LT(Clock::now() - start, kStopBound + kEndAfterStop);
 }
 
+TEST_F(StopWithSlowCallback, EndsTheCallWhenTheSourceIsHeldUpToo)
+{
+    // More frames than the queues of a chain hold, before the stop.
+    const LiveSpec spec{.width = 1280, .height = 720, .fps = 60};
+    StreamCall call(live_stream("full", spec), [](const Image&) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // the callback's work
+    });
+    ASSERT_TRUE(call.wait_for_frames(15));
+    const auto start = Clock::now();
+    EXPECT_TRUE(stop_ends_call(call, "full"));
+    EXPECT_LT(Clock::now() - start, kStopBound + kEndAfterStop);
+}
+
 TEST_F(StopWithSlowCallback, ThatNeverReturnsDoesNotHoldTheStopUp)
 {
     std::promise<void> release;

@@ -4,9 +4,15 @@
 #include "StreamBuild.h"
 #include "recording_log.h"
 
+#include <arpa/inet.h>
 #include <gst/gst.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <barrier>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -21,6 +27,45 @@ using Quorvis::VelStream::send_eos;
 using Quorvis::VelStream::StreamOutputMp4sink;
 
 constexpr int kStreams = 8;
+
+/// Takes a connection and never says a word.
+class SilentServer {
+public:
+    SilentServer() : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        auto* any = reinterpret_cast<sockaddr*>(&address);
+        if (bind(socket_, any, size) == 0 && listen(socket_, 8) == 0 && getsockname(socket_, any, &size) == 0)
+            port_ = ntohs(address.sin_port);
+    }
+    ~SilentServer()
+    {
+        if (connection_ >= 0) close(connection_);
+        close(socket_);
+    }
+    SilentServer(const SilentServer&) = delete;
+    SilentServer& operator=(const SilentServer&) = delete;
+
+    /// Waits for a client and its first words.
+    bool take_request()
+    {
+        pollfd waited{socket_, POLLIN, 0};
+        const int bound = static_cast<int>(std::chrono::milliseconds(kPatience).count());
+        if (poll(&waited, 1, bound) != 1) return false;
+        connection_ = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
+        pollfd request{connection_, POLLIN, 0};
+        return poll(&request, 1, bound) == 1;
+    }
+    std::string url() const { return "rtsp://127.0.0.1:" + std::to_string(port_) + "/test"; }
+
+private:
+    int socket_;
+    int connection_ = -1;
+    int port_ = 0;
+};
 
 int complain(const std::string& text)
 {
@@ -49,6 +94,34 @@ int stop_early(int delay_ms)
     if (!RecordingLog::wait_for("Registration pipeline for stream id: early")) return complain("not registered");
     std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms)); // what the rounds vary
     return check_stop(call, "early");
+}
+
+StreamCall::Start rtsp_stream(const std::string& url)
+{
+    return [url](FrameCallback& callback) {
+        return Quorvis::VelStream::start_stream_input_rtsp(url, callback, Quorvis::VelStream::STREAM_TYPE_NONE, "", 0,
+                                                           0, "camera");
+    };
+}
+
+/// An RTSP stream, stopped after a number of frames, or while it connects when that is 0. Its server stalls before the
+/// stop when its process is given.
+int stop_rtsp(const std::string& url, int frames, pid_t stalled_server = 0)
+{
+    StreamCall call(rtsp_stream(url));
+    if (!RecordingLog::wait_for("Registration pipeline for stream id: camera")) return complain("not registered");
+    if (!call.wait_for_frames(frames)) return complain("no frames");
+    if (stalled_server) kill(stalled_server, SIGSTOP);
+    return check_stop(call, "camera");
+}
+
+/// An RTSP stream whose server never answers.
+int stop_rtsp_silent()
+{
+    SilentServer server;
+    StreamCall call(rtsp_stream(server.url()));
+    if (!server.take_request()) return complain("no client");
+    return check_stop(call, "camera");
 }
 
 /// A live stream into an MP4 file, stopped after a number of frames. Prints the callback's frames.
@@ -127,6 +200,9 @@ int be_round(const std::vector<std::string>& arguments)
     const std::string what = arguments.at(0);
     if (what == "stop-live") return stop_live(std::stoi(arguments.at(1)));
     if (what == "stop-early") return stop_early(std::stoi(arguments.at(1)));
+    if (what == "stop-rtsp") return stop_rtsp(arguments.at(1), std::stoi(arguments.at(2)));
+    if (what == "stop-rtsp-silent") return stop_rtsp_silent();
+    if (what == "stop-rtsp-stalled") return stop_rtsp(arguments.at(1), 3, std::stoi(arguments.at(2)));
     if (what == "record") return record(arguments.at(1), std::stoi(arguments.at(2)));
     if (what == "eight-streams") return eight_streams(std::stoi(arguments.at(1)));
     if (what == "release") return release();

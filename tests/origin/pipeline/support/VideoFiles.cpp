@@ -30,11 +30,13 @@ VideoFacts probe_video(const std::string& path)
 
 std::string decode_with_ffmpeg(const std::string& path, int height)
 {
-    const std::string matrix = height >= 720 ? "bt709" : "bt601";
-    const CommandResult decoded = run_command(
-        {"ffmpeg", "-v", "error", "-i", path, "-map", "0:v:0", "-vf",
-         "scale=in_color_matrix=" + matrix + ":in_range=tv:out_range=pc:flags=neighbor+accurate_rnd+full_chroma_int",
-         "-vsync", "passthrough", "-pix_fmt", "rgb24", "-f", "rawvideo", "-"});
+    // The chroma samples of H.264 and H.265 lie on the left pixel of two; ffmpeg takes them to lie between the two
+    // unless it is told, which costs 7 dB at the edges of saturated colours.
+    const std::string scale =
+        std::string("scale=in_range=tv:out_range=pc:in_color_matrix=") + (height >= 720 ? "bt709" : "bt601") +
+        ":in_h_chr_pos=0:in_v_chr_pos=128:flags=bicubic+accurate_rnd+full_chroma_int+full_chroma_inp";
+    const CommandResult decoded = run_command({"ffmpeg", "-v", "error", "-i", path, "-map", "0:v:0", "-vf", scale,
+                                               "-vsync", "passthrough", "-pix_fmt", "rgb24", "-f", "rawvideo", "-"});
     EXPECT_EQ(decoded.status, 0) << path;
     return decoded.output;
 }
