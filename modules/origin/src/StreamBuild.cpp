@@ -56,13 +56,6 @@ void fill(PiplineData* data, std::string stream_id, std::function<int8_t(const I
     data->image.frameIndex = 0;
 }
 
-ElementPtr build_output(StreamOutput* output)
-{
-    if (output) return share(output->build());
-    VEL_LOG_INFO("streamOutput is set to fakesink due to streamOutput is nullptr.");
-    return make_element("fakesink");
-}
-
 int run_on_platform(PiplineData* data, GstElement* input, GstElement* output)
 {
     if (platform() == "v4l2") return start_6490_ql(data, input, output);
@@ -102,8 +95,9 @@ int startStream(StreamInput* input, StreamOutput* output, std::string stream_id,
         VEL_LOG_ERROR("streamInput couldn't be created due to streamInput is nullptr.");
         return -1;
     }
+    if (!output) VEL_LOG_INFO("streamOutput is set to fakesink due to streamOutput is nullptr.");
     const ElementPtr input_element = share(input->build());
-    const ElementPtr output_element = build_output(output);
+    const ElementPtr output_element = output ? share(output->build()) : make_element("fakesink");
     return run_on_platform(&data, input_element.get(), output_element.get()) == -1 ? -1 : 0;
 }
 

@@ -378,7 +378,7 @@ TEST_P(EntryPointChoice, LogsAndBuildsItsOutput)
     EXPECT_EQ(actual, expected);
 }
 
-TEST_F(EntryPoints, DISABLED_MissingOutputIsAnnouncedBeforeAnythingIsBuilt)
+TEST_F(EntryPoints, MissingOutputIsAnnouncedBeforeAnythingIsBuilt)
 {
     const ConfigFile file(complete_stream("cam", "H264"));
     start_stream("cam", callback_);
