@@ -21,6 +21,12 @@ struct Recording {
     std::atomic<bool> is_ended{false};
 };
 
+void say(const std::string& line)
+{
+    std::puts(line.c_str());
+    std::fflush(stdout);
+}
+
 Recording* recording_of(GstRTSPMedia* media)
 {
     return static_cast<Recording*>(g_object_get_data(G_OBJECT(media), kStateKey));
@@ -122,29 +128,24 @@ void record_factory_class_init(RecordFactoryClass* record_class)
 
 void record_factory_init(RecordFactory*) {}
 
-/// The client has ended its stream itself: what it sent before is complete.
-GstRTSPStatusCode on_teardown(GstRTSPClient*, GstRTSPContext* context, gpointer)
+/// The client has ended its stream itself: what it sent before is complete. A stock client pauses, tears down and
+/// closes the connection, and its teardown does not always come through.
+GstRTSPStatusCode on_end(GstRTSPClient*, GstRTSPContext* context, gpointer)
 {
     GstRTSPMedia* media = context->sessmedia ? gst_rtsp_session_media_get_media(context->sessmedia) : nullptr;
     if (media && recording_of(media)) recording_of(media)->is_ended = true;
     return GST_RTSP_STS_OK;
 }
 
-void on_record(GstRTSPClient*, GstRTSPContext*, gpointer)
-{
-    std::puts("record");
-    std::fflush(stdout);
-}
-
 void on_client(GstRTSPServer*, GstRTSPClient* client, gpointer)
 {
-    g_signal_connect(client, "pre-teardown-request", G_CALLBACK(on_teardown), nullptr);
-    g_signal_connect(client, "record-request", G_CALLBACK(on_record), nullptr);
+    g_signal_connect(client, "pre-pause-request", G_CALLBACK(on_end), nullptr);
+    g_signal_connect(client, "pre-teardown-request", G_CALLBACK(on_end), nullptr);
 }
 
 GstPadProbeReturn count_frame(GstPad*, GstPadProbeInfo*, gpointer recording)
 {
-    ++static_cast<Recording*>(recording)->frames;
+    if (static_cast<Recording*>(recording)->frames++ == 0) say("record");
     return GST_PAD_PROBE_OK;
 }
 
@@ -169,8 +170,7 @@ void on_transport_pad(GstElement* demux, GstPad* pad, gpointer recording)
 void on_unprepared(GstRTSPMedia* media, gpointer)
 {
     const Recording& recording = *recording_of(media);
-    std::printf("%s frames=%d\n", recording.is_ended ? "eos" : "lost", recording.frames.load());
-    std::fflush(stdout);
+    say((recording.is_ended ? "eos frames=" : "lost frames=") + std::to_string(recording.frames));
 }
 
 std::string numbered(const std::string& path, int number)
