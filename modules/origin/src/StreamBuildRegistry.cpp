@@ -61,6 +61,27 @@ bool is_among(const std::vector<StopTarget>& targets, const StreamRun* run)
     return std::any_of(targets.begin(), targets.end(), [run](const StopTarget& t) { return t.run.get() == run; });
 }
 
+std::vector<ElementPtr> children_of(GstBin* bin)
+{
+    std::vector<ElementPtr> children;
+    GST_OBJECT_LOCK(bin);
+    for (const GList* child = GST_BIN_CHILDREN(bin); child; child = child->next)
+        children.emplace_back(GST_ELEMENT(gst_object_ref(child->data)));
+    GST_OBJECT_UNLOCK(bin);
+    return children;
+}
+
+/// The elements that data comes from. A plain bin is looked into; a source that is a bin of its own kind is one.
+void collect_sources(GstBin* bin, std::vector<ElementPtr>& sources)
+{
+    for (ElementPtr& child : children_of(bin)) {
+        if (G_OBJECT_TYPE(child.get()) == GST_TYPE_BIN)
+            collect_sources(GST_BIN(child.get()), sources);
+        else if (GST_OBJECT_FLAG_IS_SET(child.get(), GST_ELEMENT_FLAG_SOURCE))
+            sources.push_back(std::move(child));
+    }
+}
+
 void clear_pointers(GstElement* pipeline)
 {
     for (auto& [id, registered] : pipeline_map) {
@@ -174,9 +195,13 @@ void note_playing(GstElement* pipeline)
 
 void send_end_of_stream(GstElement* pipeline)
 {
-    gst_element_call_async(
-        pipeline, [](GstElement* element, gpointer) { gst_element_send_event(element, gst_event_new_eos()); }, nullptr,
-        nullptr);
+    std::vector<ElementPtr> sources;
+    collect_sources(GST_BIN(pipeline), sources);
+    for (const ElementPtr& source : sources) {
+        gst_element_call_async(
+            source.get(), [](GstElement* element, gpointer) { gst_element_send_event(element, gst_event_new_eos()); },
+            nullptr, nullptr);
+    }
 }
 
 void forget_pipeline(GstElement* pipeline)
