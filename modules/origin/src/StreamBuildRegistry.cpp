@@ -199,7 +199,10 @@ void send_end_of_stream(GstElement* pipeline)
     collect_sources(GST_BIN(pipeline), sources);
     for (const ElementPtr& source : sources) {
         gst_element_call_async(
-            source.get(), [](GstElement* element, gpointer) { gst_element_send_event(element, gst_event_new_eos()); },
+            source.get(),
+            [](GstElement* element, gpointer) {
+                GST_ELEMENT_GET_CLASS(element)->send_event(element, gst_event_new_eos());
+            },
             nullptr, nullptr);
     }
 }

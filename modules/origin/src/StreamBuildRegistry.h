@@ -62,9 +62,8 @@ void note_playing(GstElement* pipeline);
 
 /// Sends the end of stream to the pipeline's sources, from threads of GStreamer's: the event travels with the data and
 /// waits behind a branch that does not move (a peer that went silent, a callback that is slow), and a stop must not
-/// wait with it. The sources get it one by one, because a send holds the state lock of the element it is called on: on
-/// the pipeline itself it would keep the pipeline from being set to NULL, which is what frees a branch that does not
-/// move.
+/// wait with it. The sources' own method is called, because gst_element_send_event() holds the element's state lock for
+/// as long: that would keep the pipeline from being set to NULL, which is what frees a branch that does not move.
 void send_end_of_stream(GstElement* pipeline);
 
 /// Clears every pointer to a pipeline that is about to be released.
