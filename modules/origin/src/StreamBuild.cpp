@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 namespace Quorvis::VelStream {
 
@@ -31,6 +32,9 @@ void unset_environment(const char* name)
 
 void set_platform_environment()
 {
+    // Several streams may start at once.
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
     if (platform() == "v4l2") {
         set_environment("WAYLAND_DISPLAY", "wayland-1");
         set_environment("XDG_RUNTIME_DIR", "/dev/socket/weston");
