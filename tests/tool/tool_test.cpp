@@ -1,100 +1,13 @@
-#include "media.h"
-
-#include <gtest/gtest.h>
-#include <json/json.h>
+#include "tool_fixture.h"
 
 #include <array>
-#include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <sys/wait.h>
+#include <utility>
 
 namespace {
 
 namespace fs = std::filesystem;
-
-struct Output {
-    int status = -1;
-    std::string text;
-};
-
-Output run_command(const std::string& command)
-{
-    Output output;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) return output;
-    std::array<char, 4096> part{};
-    std::size_t length = 0;
-    while ((length = std::fread(part.data(), 1, part.size(), pipe)) > 0)
-        output.text.append(part.data(), length);
-    const int status = pclose(pipe);
-    output.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return output;
-}
-
-std::vector<std::string> lines_of(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-class Tool : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        std::string pattern = (fs::temp_directory_path() / "velstream-tool-XXXXXX").string();
-        folder_ = mkdtemp(pattern.data());
-        config_ = folder_ / "streams.conf";
-    }
-    void TearDown() override { fs::remove_all(folder_); }
-
-    /// Makes a short clip and a configuration with stream "clip"; "loop" rebuilds nothing, "gone" has no file.
-    void write_clip(int frames = 20)
-    {
-        media::MediaSpec spec;
-        spec.width = 642;
-        spec.height = 362;
-        spec.frames = frames;
-        ASSERT_EQ(media::make_media(spec, clip()), "");
-        write_config(R"({"streams": [
-            {"streamsId": "clip", "properties": {"inputType": "file", "inputAddr": ")" +
-                     clip() + R"("}},
-            {"streamsId": "second", "properties": {"inputType": "file", "inputAddr": ")" +
-                     clip() + R"(",
-                "outputType": "mp4", "outputAddr": ")" +
-                     (folder_ / "out.mp4").string() + R"("}},
-            {"streamsId": "gone", "properties": {"inputType": "file", "inputAddr": "/nonexistent.mp4"}}]})");
-    }
-    void write_config(const std::string& text) { std::ofstream(config_) << text; }
-    std::string clip() const { return (folder_ / "clip.mp4").string(); }
-
-    /// Standard output alone; standard error goes to stderr_text().
-    Output run(const std::string& arguments) const
-    {
-        return run_command(std::string(TOOL_PATH) + " " + arguments + " --config " + config_.string() + " 2> " +
-                           (folder_ / "stderr").string());
-    }
-    Output run_software(const std::string& arguments) const { return run(arguments + " --elements software"); }
-    std::string stderr_text() const
-    {
-        std::stringstream text;
-        text << std::ifstream(folder_ / "stderr").rdbuf();
-        return text.str();
-    }
-
-    fs::path folder_;
-    fs::path config_;
-};
 
 /// Width and height from a PNG file's header; 0 when it is none.
 std::pair<int, int> png_size(const fs::path& path)
@@ -125,8 +38,7 @@ TEST_F(Tool, JsonHoldsOneObjectAStreamAndNothingElse)
     ASSERT_EQ(lines.size(), 2U) << output.text;
     const std::vector<std::string> ids{"clip", "second"};
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        Json::Value value;
-        std::istringstream(lines[i]) >> value;
+        const Json::Value value = parse_json(lines[i]);
         EXPECT_EQ(value.getMemberNames(),
                   (std::vector<std::string>{"fps", "frames", "height", "result", "seconds", "stream", "width"}));
         EXPECT_EQ(value["stream"].asString(), ids[i]);
@@ -142,8 +54,7 @@ TEST_F(Tool, CountsWhatFfprobeCounts)
 {
     write_clip(33);
     const Output output = run_software("run clip --json");
-    Json::Value value;
-    std::istringstream(output.text) >> value;
+    const Json::Value value = parse_json(output.text);
     const Output probed = run_command("ffprobe -v error -count_frames -select_streams v:0 -show_entries "
                                       "stream=nb_read_frames -of csv=p=0 " +
                                       clip());
@@ -174,8 +85,7 @@ TEST_F(Tool, FramesStopsTheStreamAtThatCount)
     write_clip(600);
     const Output output = run_software("run clip --json --frames 7");
     EXPECT_EQ(output.status, 0) << stderr_text();
-    Json::Value value;
-    std::istringstream(output.text) >> value;
+    const Json::Value value = parse_json(output.text);
     EXPECT_EQ(value["frames"].asInt(), 7);
 }
 
@@ -184,7 +94,7 @@ TEST_F(Tool, UnknownStreamNamesTheKnownOnes)
     write_clip();
     EXPECT_EQ(run_software("run nobody").status, 2);
     EXPECT_NE(stderr_text().find("Stream nobody is not in configuration file"), std::string::npos);
-    EXPECT_NE(stderr_text().find("it has: clip, second, gone."), std::string::npos);
+    EXPECT_NE(stderr_text().find("it has: clip, second, full, gone."), std::string::npos);
 }
 
 TEST_F(Tool, MissingInputFileIsOneSentence)
@@ -235,26 +145,59 @@ TEST_F(Tool, ListIsATableOfTheStreams)
     const Output output = run("list");
     EXPECT_EQ(output.status, 0);
     const std::vector<std::string> lines = lines_of(output.text);
-    ASSERT_EQ(lines.size(), 4U);
+    ASSERT_EQ(lines.size(), 5U);
     EXPECT_EQ(lines[0].rfind("STREAM", 0), 0U);
     EXPECT_NE(lines[1].find("clip"), std::string::npos);
-    EXPECT_NE(lines[2].find("mp4 " + (folder_ / "out.mp4").string()), std::string::npos);
     EXPECT_EQ(lines[1].find("file"), lines[0].find("INPUT"));
+    EXPECT_EQ(lines[1].find(clip()), lines[0].find("INPUT-ADDRESS"));
+    EXPECT_EQ(lines[1].find("H264"), lines[0].find("DECODE"));
+    EXPECT_EQ(lines[2].find(" mp4 ") + 1, lines[0].find("OUTPUT"));
+    EXPECT_EQ(lines[2].find((folder_ / "out.mp4").string()), lines[0].find("OUTPUT-ADDRESS"));
 }
 
-TEST_F(Tool, InterruptedStreamEndsWell)
+TEST_F(Tool, ElementsAutoTakesTheSoftwareOnesWhereThereIsNoDevice)
 {
-    write_clip(6000);
-    // The shell's job is interrupted once the first picture is there: by then frames arrive.
-    const Output output = run_command(
-        std::string(TOOL_PATH) + " run clip --json --elements software --snapshot " + (folder_ / "s").string() +
-        " --config " + config_.string() + " 2>/dev/null & pid=$!; for i in $(seq 300); do [ -e " +
-        (folder_ / "s/clip-000001.png").string() + " ] && break; sleep 0.1; done; kill -INT $pid; wait $pid");
-    EXPECT_EQ(output.status, 0);
-    Json::Value value;
-    std::istringstream(output.text) >> value;
-    EXPECT_GT(value["frames"].asInt(), 0);
-    EXPECT_LT(value["frames"].asInt(), 6000);
+    write_clip();
+    setenv("GST_REGISTRY", (folder_ / "registry.bin").c_str(), 1);
+    unsetenv("GST_PLUGIN_PATH");
+    EXPECT_EQ(run("run clip --elements auto").status, 0) << stderr_text();
+    EXPECT_EQ(run("run clip --elements device").status, 1);
+}
+
+TEST_F(Tool, ElementsSoftwareThatAreNotThereAreOneSentence)
+{
+    write_clip();
+    setenv("GST_REGISTRY", (folder_ / "registry.bin").c_str(), 1);
+    unsetenv("GST_PLUGIN_PATH");
+    setenv("VELSTREAM_PLUGIN_DIR", folder_.c_str(), 1);
+    EXPECT_EQ(run("run clip --elements software").status, 2);
+    EXPECT_EQ(stderr_text(), "velstream: The software elements are not installed; they were looked for in " +
+                                 folder_.string() + ".\n");
+}
+
+TEST_F(Tool, StreamNamedTwiceIsOneSentence)
+{
+    write_clip();
+    EXPECT_EQ(run_software("run clip clip").status, 2);
+    EXPECT_EQ(stderr_text(), "velstream: Stream clip is named twice.\n");
+}
+
+TEST_F(Tool, PropertyOfAWrongTypeIsOneSentence)
+{
+    write_clip(1, R"(,{"streamsId": "odd", "properties": {"inputType": "rtsp", "inputAddr": ["rtsp://127.0.0.1/"]}})");
+    EXPECT_EQ(run_software("run odd").status, 1);
+    EXPECT_NE(stderr_text().find("velstream: stream odd cannot be read from the configuration: "), std::string::npos)
+        << stderr_text();
+}
+
+TEST_F(Tool, FailureAfterFramesIsToldWithTheirNumber)
+{
+    write_clip();
+    const Output output = run_software("run full --log-level none");
+    EXPECT_EQ(output.status, 1);
+    EXPECT_NE(output.text.find("result -1"), std::string::npos) << output.text;
+    EXPECT_EQ(stderr_text().rfind("velstream: stream full ended with a failure after ", 0), 0U) << stderr_text();
+    EXPECT_NE(stderr_text().find(" frames; --log-level error shows the cause.\n"), std::string::npos) << stderr_text();
 }
 
 TEST_F(Tool, WrongUsageIsStatusTwo)

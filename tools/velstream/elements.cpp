@@ -5,6 +5,7 @@
 #include <gst/gst.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 namespace velstream::tool {
@@ -32,11 +33,15 @@ void put_first_on_plugin_path(const std::string& folder)
     setenv("GST_PLUGIN_PATH", path.c_str(), 1);
 }
 
-bool has_element(const char* factory)
+/// The software ones may be on the plug-in path of this user's environment; they are no device's.
+bool has_device_elements()
 {
-    GstElementFactory* found = gst_element_factory_find(factory);
-    if (found) gst_object_unref(found);
-    return found != nullptr;
+    GstElementFactory* found = gst_element_factory_find(kDeviceElement);
+    if (!found) return false;
+    const char* plugin = gst_plugin_feature_get_plugin_name(GST_PLUGIN_FEATURE(found));
+    const bool is_device = !plugin || std::strcmp(plugin, kPlugin) != 0;
+    gst_object_unref(found);
+    return is_device;
 }
 
 /// Loading it by name is what makes this process use its answer to "waylandsink" too.
@@ -54,7 +59,7 @@ void choose_elements(const std::string& choice)
     const std::string folder = plugin_folder();
     if (choice == "software") put_first_on_plugin_path(folder);
     gst_init(nullptr, nullptr);
-    if (choice == "device" || (choice == "auto" && has_element(kDeviceElement))) return;
+    if (choice == "device" || (choice == "auto" && has_device_elements())) return;
     if (choice == "auto") gst_registry_scan_path(gst_registry_get(), folder.c_str());
     load_plugin(folder);
 }

@@ -10,7 +10,7 @@ namespace velstream::tool {
 
 namespace {
 
-using Row = std::array<std::string, 6>;
+using Row = std::array<std::string, 7>;
 
 std::string flags_of(const StreamEntry& stream)
 {
@@ -24,17 +24,22 @@ std::string flags_of(const StreamEntry& stream)
 Row row_of(const StreamEntry& stream)
 {
     const std::string codec = stream.text("decodeType");
-    return {stream.id,
+    Row row{stream.id,
             stream.text("inputType"),
-            codec.empty() ? "H264" : codec,
             stream.text("inputAddr"),
-            stream.text("outputType").empty() ? "" : stream.text("outputType") + " " + stream.text("outputAddr"),
+            codec.empty() ? "H264" : codec,
+            stream.text("outputType"),
+            stream.text("outputAddr"),
             flags_of(stream)};
+    for (std::string& cell : row) {
+        if (cell.empty()) cell = "-"; // every line has as many words as columns
+    }
+    return row;
 }
 
 void print_table(const std::vector<Row>& rows)
 {
-    std::array<std::size_t, 6> widths{};
+    std::array<std::size_t, std::tuple_size_v<Row>> widths{};
     for (const Row& row : rows) {
         for (std::size_t i = 0; i < row.size(); ++i)
             widths[i] = std::max(widths[i], row[i].size());
@@ -70,7 +75,7 @@ void list_streams(const std::string& config, bool is_json)
         print_json(streams);
         return;
     }
-    std::vector<Row> rows{{"STREAM", "INPUT", "CODEC", "ADDRESS", "OUTPUT", "FLAGS"}};
+    std::vector<Row> rows{{"STREAM", "INPUT", "INPUT-ADDRESS", "DECODE", "OUTPUT", "OUTPUT-ADDRESS", "FLAGS"}};
     for (const StreamEntry& stream : streams)
         rows.push_back(row_of(stream));
     print_table(rows);

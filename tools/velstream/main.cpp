@@ -19,7 +19,9 @@ void add_run(CLI::App& app, velstream::tool::RunOptions& options)
     run->add_option("ID", options.ids, "Ids of configured streams; each runs on a thread of its own")->required();
     run->add_option("--config", options.config, "Configuration file")->capture_default_str();
     run->add_option("--duration", options.duration, "Stop after this many seconds")->check(CLI::PositiveNumber);
-    run->add_option("--frames", options.frames, "Stop once every stream has delivered this many frames")
+    run->add_option("--frames", options.frames,
+                    "Stop once every stream has delivered this many frames or has ended; further frames are not "
+                    "counted")
         ->check(CLI::PositiveNumber);
     run->add_option("--snapshot", options.snapshot_folder,
                     "Write PNG files of frames into this folder: the first, then every 30th, 100 at most");
@@ -32,8 +34,10 @@ void add_run(CLI::App& app, velstream::tool::RunOptions& options)
                     "where it has them")
         ->check(CLI::IsMember({"auto", "device", "software"}))
         ->capture_default_str();
-    run->footer("Exit status: 0 every stream ended well (a stream that delivered frames until it was stopped did), "
-                "1 one failed, 2 wrong usage or configuration.");
+    run->footer("Ctrl+C stops all streams, a second one ends the program at once.\n"
+                "Exit status: 0 every stream ended well, 1 one failed, 2 wrong usage or configuration.\n"
+                "A stream that delivered frames until --duration, --frames or Ctrl+C stopped it ended well, whatever\n"
+                "its result: some platforms report a stop, or a file's end, as -1.");
 }
 
 } // namespace

@@ -2,16 +2,21 @@
 
 #include "configuration.h"
 #include "elements.h"
+#include "progress.h"
 #include "stream_session.h"
 #include "velstream.h"
 
 #include <json/json.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <set>
+#include <thread>
 
 #include <pthread.h>
 #include <unistd.h>
@@ -20,11 +25,10 @@ namespace velstream::tool {
 
 namespace {
 
-using Sessions = std::vector<std::unique_ptr<StreamSession>>;
+using Clock = std::chrono::steady_clock;
 
-constexpr double kSilence = 3.0; // seconds without a frame that are worth a word
-constexpr std::chrono::milliseconds kLiveInterval{200};
-constexpr std::chrono::milliseconds kPlainInterval{5000};
+/// A stream that was just starting when a stop was asked for hears the next one.
+constexpr std::chrono::seconds kStopInterval{1};
 
 /// The text outlives every call: the library keeps the pointer.
 void set_configuration(const std::string& path)
@@ -86,46 +90,6 @@ private:
     std::atomic<bool> is_asked_{false};
 };
 
-std::string describe(const StreamSession& session)
-{
-    char text[256];
-    std::snprintf(text, sizeof text, "%s: %llu frames, %dx%d, %.1f frames/s", session.id().c_str(),
-                  static_cast<unsigned long long>(session.frames()), session.width(), session.height(), session.rate());
-    std::string line = text;
-    if (!session.is_ended() && session.silent_seconds() > kSilence) {
-        std::snprintf(text, sizeof text, ", no frame for %.0f s", session.silent_seconds());
-        line += text;
-    }
-    return line;
-}
-
-/// One line that is written over on a terminal, plain lines now and then elsewhere.
-class Progress {
-public:
-    std::chrono::milliseconds interval() const { return kLiveInterval; }
-
-    void show(const Sessions& sessions)
-    {
-        const auto now = std::chrono::steady_clock::now();
-        if (!is_terminal_ && now < next_) return;
-        next_ = now + kPlainInterval;
-        std::string line;
-        for (const auto& session : sessions)
-            line += (line.empty() ? "" : "  |  ") + describe(*session);
-        std::fprintf(stderr, is_terminal_ ? "\r\033[K%s" : "%s\n", line.c_str());
-        std::fflush(stderr);
-    }
-
-    void finish()
-    {
-        if (is_terminal_) std::fprintf(stderr, "\r\033[K");
-    }
-
-private:
-    bool is_terminal_ = isatty(STDERR_FILENO) != 0;
-    std::chrono::steady_clock::time_point next_ = std::chrono::steady_clock::now() + kPlainInterval;
-};
-
 bool all_ended(const Sessions& sessions)
 {
     return std::all_of(sessions.begin(), sessions.end(), [](const auto& s) { return s->is_ended(); });
@@ -137,33 +101,46 @@ bool all_satisfied(const Sessions& sessions)
                        [](const auto& s) { return s->is_ended() || s->is_satisfied(); });
 }
 
-/// @return true when the streams were stopped, false when they ended by themselves.
-bool wait_for_end(const Sessions& sessions, const RunOptions& options, const SignalWatch& signals, Waker& waker)
+/// Ctrl+C, the duration and the number of frames: what ends the streams before they end by themselves.
+bool is_stop_due(const Sessions& sessions, const RunOptions& options, const SignalWatch& signals,
+                 Clock::time_point start)
 {
-    const auto start = std::chrono::steady_clock::now();
+    const std::chrono::duration<double> elapsed = Clock::now() - start;
+    return signals.is_asked() || (options.duration > 0 && elapsed.count() >= options.duration) ||
+           (options.frames > 0 && all_satisfied(sessions));
+}
+
+/// Stops what is still running. A stop of an ended stream is harmless, so it may come again.
+void stop_all(const Sessions& sessions)
+{
+    for (const auto& session : sessions)
+        session->mark_stopped();
+    Quorvis::VelStream::gstreamer_pipeline_shutdown("all_stream");
+}
+
+void wait_for_end(const Sessions& sessions, const RunOptions& options, const SignalWatch& signals, Waker& waker)
+{
+    const auto start = Clock::now();
+    auto next_stop = start;
     Progress progress;
-    bool is_stopped = false;
     while (!all_ended(sessions)) {
-        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-        const bool is_time_up = options.duration > 0 && elapsed.count() >= options.duration;
-        if (!is_stopped && (signals.is_asked() || is_time_up || (options.frames > 0 && all_satisfied(sessions)))) {
-            is_stopped = true;
-            Quorvis::VelStream::gstreamer_pipeline_shutdown("all_stream");
+        if (Clock::now() >= next_stop && is_stop_due(sessions, options, signals, start)) {
+            stop_all(sessions);
+            next_stop = Clock::now() + kStopInterval;
             continue;
         }
         progress.show(sessions);
-        waker.wait_for(progress.interval());
+        waker.wait_for(Progress::kInterval);
     }
     progress.finish();
-    return is_stopped;
 }
 
-/// A stream that delivered frames until the tool stopped it has done what was asked of it, whatever its runner
-/// returned.
-bool ended_well(const StreamSession& session, bool is_stopped)
+/// A stream that delivered frames until the tool stopped it, or as many as were asked for, has done its work, whatever
+/// its runner returned.
+bool ended_well(const StreamSession& session)
 {
     if (!session.exception().empty()) return false;
-    return session.result() == 0 || (is_stopped && session.frames() > 0);
+    return session.result() == 0 || (session.frames() > 0 && (session.is_stopped() || session.is_satisfied()));
 }
 
 Json::Value to_json(const StreamSession& session)
@@ -192,29 +169,38 @@ void print_result(FILE* results, const StreamSession& session)
     std::fprintf(results, "%s, %.1f s, result %d\n", describe(session).c_str(), session.seconds(), session.result());
 }
 
-void explain_failure(const StreamSession& session)
+void explain_failure(const StreamSession& session, const std::string& log_level)
 {
-    if (!session.exception().empty())
-        std::fprintf(stderr, "velstream: stream %s cannot be read from the configuration: %s\n", session.id().c_str(),
+    const char* id = session.id().c_str();
+    if (!session.exception().empty()) {
+        std::fprintf(stderr, "velstream: stream %s cannot be read from the configuration: %s\n", id,
                      session.exception().c_str());
-    else if (session.frames() == 0)
-        std::fprintf(stderr,
-                     "velstream: stream %s failed before its first frame; the log lines above name the cause.\n",
-                     session.id().c_str());
+        return;
+    }
+    const char* cause =
+        log_level == "none" ? "--log-level error shows the cause" : "the log lines above name the cause";
+    if (session.frames() == 0)
+        std::fprintf(stderr, "velstream: stream %s failed before its first frame; %s.\n", id, cause);
     else
-        std::fprintf(stderr,
-                     "velstream: stream %s ended with a failure after %llu frames; the log lines above name the "
-                     "cause.\n",
-                     session.id().c_str(), static_cast<unsigned long long>(session.frames()));
+        std::fprintf(stderr, "velstream: stream %s ended with a failure after %llu frames; %s.\n", id,
+                     static_cast<unsigned long long>(session.frames()), cause);
+}
+
+void check_ids(const RunOptions& options)
+{
+    const std::vector<StreamEntry> streams = read_streams(options.config);
+    std::set<std::string> seen;
+    for (const std::string& id : options.ids) {
+        if (!seen.insert(id).second) throw UserError("Stream " + id + " is named twice.");
+        find_startable(streams, id, options.config);
+    }
 }
 
 } // namespace
 
 int run_streams(const RunOptions& options)
 {
-    const std::vector<StreamEntry> streams = read_streams(options.config);
-    for (const std::string& id : options.ids)
-        find_startable(streams, id, options.config);
+    check_ids(options);
     if (!options.snapshot_folder.empty()) prepare_snapshot_folder(options.snapshot_folder);
 
     FILE* results = take_standard_output();
@@ -230,7 +216,7 @@ int run_streams(const RunOptions& options)
         sessions.push_back(std::make_unique<StreamSession>(id, options.frames, options.snapshot_folder, waker));
     for (const auto& session : sessions)
         session->start();
-    const bool is_stopped = wait_for_end(sessions, options, signals, waker);
+    wait_for_end(sessions, options, signals, waker);
 
     int status = 0;
     for (const auto& session : sessions) {
@@ -239,8 +225,8 @@ int run_streams(const RunOptions& options)
             print_json(results, *session);
         else
             print_result(results, *session);
-        if (!ended_well(*session, is_stopped)) {
-            explain_failure(*session);
+        if (!ended_well(*session)) {
+            explain_failure(*session, options.log_level);
             status = 1;
         }
     }

@@ -15,16 +15,23 @@ namespace {
 
 constexpr int kMostPictures = 100;
 constexpr int64_t kFramesApart = 30;
+constexpr std::size_t kMostWaiting = 4; // 1080p: 6 MB each
 
-bool write_png(const std::filesystem::path& path, const Quorvis::VelStream::Image& frame)
+std::size_t bytes_of(int width, int height)
+{
+    return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
+}
+
+void write_png(const std::filesystem::path& path, int width, int height, const uint8_t* rgb)
 {
     png_image picture{};
     picture.version = PNG_IMAGE_VERSION;
-    picture.width = static_cast<png_uint_32>(frame.width);
-    picture.height = static_cast<png_uint_32>(frame.height);
+    picture.width = static_cast<png_uint_32>(width);
+    picture.height = static_cast<png_uint_32>(height);
     picture.format = PNG_FORMAT_RGB;
     picture.flags = PNG_IMAGE_FLAG_FAST;
-    return png_image_write_to_file(&picture, path.c_str(), 0, frame.data, frame.width * 3, nullptr) != 0;
+    if (png_image_write_to_file(&picture, path.c_str(), 0, rgb, width * 3, nullptr) == 0)
+        std::fprintf(stderr, "velstream: %s cannot be written: %s\n", path.c_str(), picture.message);
 }
 
 /// An id may hold what a file name may not.
@@ -47,21 +54,57 @@ void prepare_snapshot_folder(const std::filesystem::path& folder)
         throw UserError("Folder " + folder.string() + " for snapshots cannot be made or written to.");
 }
 
-Snapshots::Snapshots(std::filesystem::path folder, std::string stream_id)
-    : folder_(std::move(folder)), stream_id_(file_name_of(stream_id))
+Snapshots::Snapshots(std::filesystem::path folder, const std::string& stream_id)
+    : folder_(std::move(folder)), file_prefix_(file_name_of(stream_id)), writer_([this] { write_pictures(); })
 {
+}
+
+Snapshots::~Snapshots()
+{
+    {
+        const std::lock_guard lock(mutex_);
+        is_closed_ = true;
+        changed_.notify_all();
+    }
+    writer_.join();
+}
+
+bool Snapshots::is_due(const Quorvis::VelStream::Image& image) const
+{
+    return taken_ < kMostPictures && image.frameIndex >= next_frame_ && image.width > 0 && image.height > 0 &&
+           image.size >= bytes_of(image.width, image.height);
 }
 
 void Snapshots::offer(const Quorvis::VelStream::Image& image)
 {
-    if (image.frameIndex < next_frame_ || written_ >= kMostPictures) return;
+    if (!is_due(image)) return;
     next_frame_ = image.frameIndex + kFramesApart;
-    if (image.size < static_cast<uint64_t>(image.width) * static_cast<uint64_t>(image.height) * 3) return;
+    ++taken_;
     char number[32];
     std::snprintf(number, sizeof number, "-%06lld.png", static_cast<long long>(image.frameIndex));
-    const std::filesystem::path path = folder_ / (stream_id_ + number);
-    if (!write_png(path, image)) std::fprintf(stderr, "velstream: %s cannot be written\n", path.c_str());
-    ++written_;
+    Picture picture{folder_ / (file_prefix_ + number),
+                    image.width,
+                    image.height,
+                    {image.data, image.data + bytes_of(image.width, image.height)}};
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return waiting_.size() < kMostWaiting; });
+    waiting_.push_back(std::move(picture));
+    changed_.notify_all();
+}
+
+void Snapshots::write_pictures()
+{
+    std::unique_lock lock(mutex_);
+    while (true) {
+        changed_.wait(lock, [this] { return is_closed_ || !waiting_.empty(); });
+        if (waiting_.empty()) return;
+        const Picture picture = std::move(waiting_.front());
+        waiting_.pop_front();
+        changed_.notify_all();
+        lock.unlock();
+        write_png(picture.path, picture.width, picture.height, picture.rgb.data());
+        lock.lock();
+    }
 }
 
 } // namespace velstream::tool

@@ -3,28 +3,55 @@
 
 #include "velstream.h"
 
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace velstream::tool {
 
-/// Writes the first frame, and then every 30th, as ID-000001.png (the frame's number), up to a
-/// limit. Used on the stream's own thread, which waits for the file.
+/// Writes the first frame, and then every 30th, as ID-000001.png (the frame's number), up to a limit. A thread of its
+/// own writes: the stream waits only for a copy of the frame, or for the writer when it is several pictures behind.
 class Snapshots {
 public:
-    /// @throws UserError when the folder cannot be made or written to.
-    Snapshots(std::filesystem::path folder, std::string stream_id);
+    /// @param folder  there and writable: see prepare_snapshot_folder().
+    Snapshots(std::filesystem::path folder, const std::string& stream_id);
+    /// Returns once every picture is written.
+    ~Snapshots();
+    Snapshots(const Snapshots&) = delete;
+    Snapshots& operator=(const Snapshots&) = delete;
+
+    /// Takes a copy when a picture is due. One call at a time.
     void offer(const Quorvis::VelStream::Image& image);
 
 private:
+    struct Picture {
+        std::filesystem::path path;
+        int width = 0;
+        int height = 0;
+        std::vector<uint8_t> rgb; ///< rows of 3 x width bytes
+    };
+    bool is_due(const Quorvis::VelStream::Image& image) const;
+    void write_pictures();
+
     std::filesystem::path folder_;
-    std::string stream_id_;
+    std::string file_prefix_;
+    // Of the thread that offers:
     int64_t next_frame_ = 0;
-    int written_ = 0;
+    int taken_ = 0;
+
+    std::mutex mutex_; ///< guards the following
+    std::condition_variable changed_;
+    std::deque<Picture> waiting_;
+    bool is_closed_ = false;
+    std::thread writer_;
 };
 
-/// Makes the folder and tries to write into it. @throws UserError
+/// Makes the folder. @throws UserError when it cannot be made or written to
 void prepare_snapshot_folder(const std::filesystem::path& folder);
 
 } // namespace velstream::tool

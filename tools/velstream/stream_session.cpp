@@ -49,6 +49,12 @@ void StreamSession::start()
 void StreamSession::join()
 {
     if (thread_.joinable()) thread_.join();
+    snapshots_.reset();
+}
+
+void StreamSession::mark_stopped()
+{
+    if (!is_ended_) is_stopped_ = true;
 }
 
 void StreamSession::run()

@@ -37,6 +37,9 @@ public:
     StreamSession& operator=(const StreamSession&) = delete;
 
     void start();
+    /// The tool is about to stop it: unless it has ended already, its end is then not its own.
+    void mark_stopped();
+    /// Waits for its end and its snapshots.
     void join();
 
     const std::string& id() const { return id_; }
@@ -53,6 +56,8 @@ public:
     double rate() const;
 
     // After join():
+    /// The tool stopped it before it ended by itself.
+    bool is_stopped() const { return is_stopped_; }
     int result() const { return result_; }
     /// What start_stream raised, or nothing.
     const std::string& exception() const { return exception_; }
@@ -65,7 +70,7 @@ private:
     std::string id_;
     uint64_t frame_limit_;
     Waker& waker_;
-    std::optional<Snapshots> snapshots_; // used by the streaming thread alone
+    std::optional<Snapshots> snapshots_; // frames come from the streaming thread alone
     std::thread thread_;
     Clock::time_point start_;
     // Written by the stream's threads, read by the main thread.
@@ -76,6 +81,7 @@ private:
     std::atomic<Clock::duration::rep> last_frame_{0};
     std::atomic<Clock::duration::rep> end_{0};
     std::atomic<bool> is_ended_{false};
+    bool is_stopped_ = false; // of the main thread alone
     int result_ = -1;
     std::string exception_;
 };

@@ -1,0 +1,140 @@
+// The tool with streams that end only because it stops them.
+#include "process.h"
+#include "tool_fixture.h"
+
+#include <fstream>
+#include <sstream>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+namespace {
+
+class LiveTool : public Tool {
+protected:
+    static std::string entry(const std::string& id, const std::string& url)
+    {
+        return R"(,{"streamsId": ")" + id + R"(", "properties": {"inputType": "rtsp", "inputAddr": ")" + url + R"("}})";
+    }
+    /// Standard error comes line by line; standard output goes to results().
+    peers::ChildProcess start(const std::string& arguments) const
+    {
+        return peers::ChildProcess({"sh", "-c",
+                                    "exec " + command(arguments + " --json --elements software") + " 2>&1 >" +
+                                        (folder_ / "results").string()});
+    }
+    Json::Value results() const
+    {
+        std::stringstream text;
+        text << std::ifstream(folder_ / "results").rdbuf();
+        return parse_json(text.str());
+    }
+};
+
+/// Accepts connections, as the kernel does, and never says a word.
+class SilentServer {
+public:
+    SilentServer()
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        auto* generic = reinterpret_cast<sockaddr*>(&address);
+        if (bind(socket_, generic, length) == 0 && listen(socket_, 8) == 0 &&
+            getsockname(socket_, generic, &length) == 0)
+            port_ = ntohs(address.sin_port);
+    }
+    ~SilentServer() { close(socket_); }
+    SilentServer(const SilentServer&) = delete;
+    SilentServer& operator=(const SilentServer&) = delete;
+    int port() const { return port_; }
+
+private:
+    int socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int port_ = 0;
+};
+
+} // namespace
+
+TEST_F(LiveTool, DurationStopsACamera)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    write_clip(1, entry("camera", camera.url()));
+    const Output output = run_software("run camera --json --duration 3");
+    EXPECT_EQ(output.status, 0) << stderr_text();
+    const Json::Value value = parse_json(output.text);
+    EXPECT_GT(value["frames"].asInt(), 0);
+    EXPECT_EQ(value["width"].asInt(), 320);
+    EXPECT_EQ(value["height"].asInt(), 240);
+    EXPECT_GE(value["seconds"].asDouble(), 3.0);
+}
+
+TEST_F(LiveTool, FramesStopsWhenEveryStreamHasThemOrHasEnded)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    write_clip(3, entry("camera", camera.url()));
+    const Output output = run_software("run clip camera --json --frames 10");
+    EXPECT_EQ(output.status, 0) << stderr_text();
+    const std::vector<std::string> lines = lines_of(output.text);
+    ASSERT_EQ(lines.size(), 2U) << output.text;
+    EXPECT_EQ(parse_json(lines[0])["frames"].asInt(), 3);
+    EXPECT_EQ(parse_json(lines[1])["frames"].asInt(), 10);
+}
+
+TEST_F(LiveTool, FailureBeforeTheStopIsAFailure)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    write_clip(20, entry("camera", camera.url()));
+    const Output output = run_software("run full camera --json --duration 4");
+    EXPECT_EQ(output.status, 1);
+    const std::vector<std::string> lines = lines_of(output.text);
+    ASSERT_EQ(lines.size(), 2U) << output.text;
+    EXPECT_EQ(parse_json(lines[0])["result"].asInt(), -1);
+    EXPECT_GT(parse_json(lines[1])["frames"].asInt(), 0);
+    EXPECT_NE(stderr_text().find("velstream: stream full ended with a failure after "), std::string::npos)
+        << stderr_text();
+    EXPECT_EQ(stderr_text().find("velstream: stream camera"), std::string::npos) << stderr_text();
+}
+
+class LiveToolSignal : public LiveTool, public testing::WithParamInterface<int> {};
+
+TEST_P(LiveToolSignal, EndsACameraWell)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    write_clip(1, entry("camera", camera.url()));
+    peers::ChildProcess tool = start("run camera");
+    // A plain line of progress: frames arrive.
+    std::optional<std::string> line = tool.read_until("camera: ");
+    while (line && line->rfind("camera: 0 frames", 0) == 0)
+        line = tool.read_until("camera: ");
+    ASSERT_TRUE(line);
+    EXPECT_NE(line->find(" frames, 320x240, "), std::string::npos) << *line;
+    EXPECT_NE(line->find(" frames/s"), std::string::npos) << *line;
+    kill(tool.pid(), GetParam());
+    EXPECT_EQ(tool.wait(), 0);
+    EXPECT_GT(results()["frames"].asInt(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, LiveToolSignal, testing::Values(SIGINT, SIGTERM), [](const auto& test) {
+    return std::string(test.param == SIGINT ? "Interrupt" : "Terminate");
+});
+
+TEST_F(LiveTool, SilentCameraIsToldAndCanBeInterrupted)
+{
+    const SilentServer server;
+    ASSERT_NE(server.port(), 0);
+    write_clip(1, entry("camera", "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/test"));
+    peers::ChildProcess tool = start("run camera");
+    const std::optional<std::string> line = tool.read_until("camera: 0 frames");
+    ASSERT_TRUE(line);
+    EXPECT_NE(line->find(", no frame for "), std::string::npos) << *line;
+    tool.interrupt();
+    EXPECT_TRUE(tool.wait()) << "still running long after Ctrl+C";
+    EXPECT_EQ(results()["frames"].asInt(), 0);
+}
