@@ -20,6 +20,12 @@ if(VELSTREAM_WERROR)
 endif()
 # __FILE__ is relative to the repository: log lines name a module's path, never a build machine's.
 add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
+# ccache with a base_dir hands the compiler paths that are relative to the build folder.
+file(RELATIVE_PATH VELSTREAM_SOURCE_FROM_BUILD ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+if(VELSTREAM_SOURCE_FROM_BUILD)
+  string(REGEX REPLACE "/$" "" VELSTREAM_SOURCE_FROM_BUILD "${VELSTREAM_SOURCE_FROM_BUILD}")
+  add_compile_options(-fmacro-prefix-map=${VELSTREAM_SOURCE_FROM_BUILD}/=)
+endif()
 
 if(VELSTREAM_SANITIZER STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
