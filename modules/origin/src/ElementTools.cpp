@@ -6,12 +6,28 @@ namespace Quorvis::VelStream {
 
 namespace {
 
+/// False for a value that GLib would refuse with a warning on the console.
+bool takes(GParamSpec* spec, const GValue& value)
+{
+    if (!g_value_type_transformable(G_VALUE_TYPE(&value), spec->value_type)) return false;
+    GValue own = G_VALUE_INIT;
+    g_value_init(&own, spec->value_type);
+    const bool is_taken = g_value_transform(&value, &own) &&
+                          (!g_param_value_validate(spec, &own) || (spec->flags & G_PARAM_LAX_VALIDATION));
+    g_value_unset(&own);
+    return is_taken;
+}
+
 void set_value(gpointer object, const char* name, const GValue& value)
 {
     if (!object) return;
-    const GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(object), name);
+    GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(object), name);
     if (!spec || !(spec->flags & G_PARAM_WRITABLE)) {
         VEL_LOG_INFO("Property %s of %s is missing or read-only, skipped.", name, G_OBJECT_TYPE_NAME(object));
+        return;
+    }
+    if (!takes(spec, value)) {
+        VEL_LOG_INFO("Property %s of %s does not take its value, skipped.", name, G_OBJECT_TYPE_NAME(object));
         return;
     }
     g_object_set_property(G_OBJECT(object), name, &value);
@@ -65,6 +81,13 @@ ElementPtr make_capsfilter(const char* name, const char* caps)
     ElementPtr filter = make_element("capsfilter", name);
     set_property(filter.get(), "caps", make_caps(caps));
     return filter;
+}
+
+ElementPtr make_located(const char* factory, const char* name, const std::string& location)
+{
+    ElementPtr element = make_element(factory, name);
+    set_property(element.get(), "location", location);
+    return element;
 }
 
 ElementPtr make_parser(const std::string& codec)

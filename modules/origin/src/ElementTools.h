@@ -9,9 +9,9 @@
 
 namespace Quorvis::VelStream {
 
-/// Sets one property. A name that the object lacks or that is read-only is skipped with an information line: platforms'
-/// elements differ, and one unknown name in a g_object_set call would drop every pair behind it. Null objects are
-/// skipped: a missing element is reported once, where all are checked.
+/// Sets one property. A name that the object lacks or that is read-only, and a value that it refuses, are skipped with
+/// an information line: platforms' elements differ, and one unknown name in a g_object_set call would drop every pair
+/// behind it. Null objects are skipped: a missing element is reported once, where all are checked.
 void set_property(gpointer object, const char* name, int value);
 void set_property(gpointer object, const char* name, bool value);
 void set_property(gpointer object, const char* name, const std::string& value);
@@ -25,6 +25,9 @@ inline CapsPtr make_caps(const char* text)
 
 /// A "capsfilter" of that name (null for none) with these caps.
 ElementPtr make_capsfilter(const char* name, const char* caps);
+
+/// An element with its "location".
+ElementPtr make_located(const char* factory, const char* name, const std::string& location);
 
 /// The parser of a codec: "h265parse" for "H265", else "h264parse".
 ElementPtr make_parser(const std::string& codec);

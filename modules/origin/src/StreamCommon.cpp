@@ -18,14 +18,13 @@ std::optional<Json::Value> read_file()
     return root;
 }
 
-void read_size(const Json::Value& properties, StreamProperty& prop)
+/// Sets both or neither.
+bool read_size(const Json::Value& properties, StreamProperty& prop)
 {
-    if (!properties.isMember("width") || !properties.isMember("height")) {
-        VEL_LOG_INFO("width or height is not defined.");
-        return;
-    }
+    if (!properties.isMember("width") || !properties.isMember("height")) return false;
     prop.width = properties["width"].asInt();
     prop.height = properties["height"].asInt();
+    return true;
 }
 
 bool read_text(const Json::Value& properties, const char* key, std::string& field)
@@ -118,7 +117,7 @@ int get_configuration_properties(std::string id, StreamProperty& prop)
     prop.streamsId = (*stream)["streamsId"].asString();
 
     const Json::Value& properties = (*stream)["properties"];
-    read_size(properties, prop);
+    if (!read_size(properties, prop)) VEL_LOG_INFO("width or height is not defined.");
     if (!read_input(properties, prop)) return -1;
     read_codecs(properties, prop);
     read_switches(properties, prop);
@@ -145,12 +144,10 @@ int get_config_properties_mp4(std::string id, StreamProperty& prop)
         return -1;
     }
     prop.streamsId = (*stream)["streamsId"].asString();
-    if (!properties.isMember("width") || !properties.isMember("height")) {
+    if (!read_size(properties, prop)) {
         VEL_LOG_ERROR("For stream id: %s missing mandatory parameter width/height.", id.c_str());
         return -1;
     }
-    prop.width = properties["width"].asInt();
-    prop.height = properties["height"].asInt();
     read_text(properties, "outputFile", prop.outputFile);
     read_text(properties, "outputAddr", prop.outputAddr);
     read_number(properties, "fps", prop.fps);

@@ -86,7 +86,9 @@ GstElement* g_get_stream_output(StreamIns ins)
 
 int align_up(int value, int alignment)
 {
-    return ((value + alignment - 1) / alignment) * alignment;
+    // The sum of a value near the largest wraps round, as the machine does it.
+    const auto sum = static_cast<int>(static_cast<unsigned>(value) + static_cast<unsigned>(alignment) - 1U);
+    return sum / alignment * alignment;
 }
 
 } // namespace Quorvis::VelStream

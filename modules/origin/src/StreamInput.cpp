@@ -1,7 +1,6 @@
 #include "StreamInput.h"
 
 #include "BuilderList.h"
-#include "Handles.h"
 #include "StreamBuild.h"
 
 #include <utility>
@@ -17,10 +16,16 @@ StreamInput::StreamInput(std::string input_addr, std::string stream_id) : input_
 
 StreamInput::~StreamInput() = default;
 
+CapsPtr structured_caps(GstPad* pad)
+{
+    CapsPtr caps(gst_pad_get_current_caps(pad));
+    return caps && gst_caps_get_size(caps.get()) > 0 ? std::move(caps) : nullptr;
+}
+
 bool carries_h264_or_h265(GstPad* pad)
 {
-    const CapsPtr caps(gst_pad_get_current_caps(pad));
-    if (!caps || gst_caps_is_empty(caps.get()) || gst_caps_is_any(caps.get())) return false;
+    const CapsPtr caps = structured_caps(pad);
+    if (!caps) return false;
     const char* name = gst_structure_get_name(gst_caps_get_structure(caps.get(), 0));
     return g_str_has_prefix(name, "video/x-h264") || g_str_has_prefix(name, "video/x-h265");
 }

@@ -1,6 +1,7 @@
 // The input builders: each makes a bin that ends in the platform's decoder, with decoded video on its ghost "src" pad.
 #pragma once
 
+#include "Handles.h"
 #include "StreamBase.h"
 
 namespace Quorvis::VelStream {
@@ -40,6 +41,9 @@ public:
 void cb_qtdemux_pad_added(GstElement* demux, GstPad* pad, GstElement* queue);
 void cb_flvdemux_pad_added(GstElement* demux, GstPad* pad, GstElement* queue);
 void cb_rtspsrc_pad_added(GstElement* src, GstPad* pad, GstElement* depay);
+
+/// A pad's current caps; null when it has none, or none with a structure.
+CapsPtr structured_caps(GstPad* pad);
 
 /// True when a demuxer's new pad carries H.264 or H.265.
 bool carries_h264_or_h265(GstPad* pad);

@@ -23,8 +23,7 @@ ElementPtr make_logged_parser(const std::string& codec)
 GstElement* StreamInputFile::build()
 {
     ElementPtr bin(gst_bin_new(bin_name_.c_str())); // floating on purpose
-    const ElementPtr source = make_element("filesrc", "queue_input_src");
-    set_property(source.get(), "location", input_addr_);
+    const ElementPtr source = make_located("filesrc", "queue_input_src", input_addr_);
     const ElementPtr demux = make_element("qtdemux");
     const ElementPtr queue = make_element("queue");
     const std::string codec = get_decode_type(stream_id_);

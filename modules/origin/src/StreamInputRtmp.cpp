@@ -9,8 +9,7 @@ namespace Quorvis::VelStream {
 GstElement* StreamInputRtmp::build()
 {
     ElementPtr bin(gst_bin_new(bin_name_.c_str())); // floating on purpose
-    const ElementPtr source = make_element("rtmpsrc");
-    set_property(source.get(), "location", input_addr_);
+    const ElementPtr source = make_located("rtmpsrc", nullptr, input_addr_);
     const ElementPtr demux = make_element("flvdemux");
     const ElementPtr queue = make_element("queue");
     const std::string codec = get_decode_type(stream_id_);

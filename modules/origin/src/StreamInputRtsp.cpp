@@ -92,8 +92,7 @@ void link_video(GstPad* pad, GstElement* depay)
 GstElement* StreamInputRtsp::build()
 {
     ElementPtr bin(gst_bin_new(bin_name_.c_str())); // floating on purpose
-    const ElementPtr source = make_element("rtspsrc", "queue_input_src");
-    set_property(source.get(), "location", input_addr_);
+    const ElementPtr source = make_located("rtspsrc", "queue_input_src", input_addr_);
     const std::string codec = get_decode_type(stream_id_);
     const auto [depay, parser] = make_rtp_elements(codec);
     const ElementPtr decoder = make_decoder(platform_row(kRtspDecoders), codec);
@@ -120,8 +119,8 @@ void cb_rtspsrc_pad_added(GstElement*, GstPad* pad, GstElement* depay)
     const TextPtr pad_name(gst_pad_get_name(pad));
     VEL_LOG_INFO("rtsp padname: %s", pad_name.get());
 
-    const CapsPtr caps(gst_pad_get_current_caps(pad));
-    if (!caps || gst_caps_is_empty(caps.get()) || gst_caps_is_any(caps.get())) {
+    const CapsPtr caps = structured_caps(pad);
+    if (!caps) {
         VEL_LOG_ERROR("Failed to get pad caps. Exiting callback.\n");
         return;
     }

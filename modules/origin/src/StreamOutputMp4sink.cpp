@@ -10,13 +10,6 @@ namespace Quorvis::VelStream {
 
 namespace {
 
-ElementPtr make_filesink(const std::string& location)
-{
-    ElementPtr sink = make_element("filesink");
-    set_property(sink.get(), "location", location);
-    return sink;
-}
-
 ElementPtr make_encoder(const char* factory)
 {
     ElementPtr encoder = make_element(factory);
@@ -41,7 +34,7 @@ void pad_height(GstElement* videobox, const std::string& stream_id)
         VEL_LOG_WARN("Output width and height not specified.");
         return;
     }
-    const int bottom = height - align_up(height, 32);
+    const auto bottom = static_cast<int>(int64_t{height} - align_up(height, 32));
     set_property(videobox, "bottom", bottom);
     VEL_LOG_INFO("Configure video bottom: %d", bottom);
 }
@@ -61,7 +54,7 @@ GstElement* StreamOutputMp4sink::build()
 
     ElementPtr bin(gst_bin_new("velstream-output-mp4sink")); // floating on purpose
     const ElementPtr queue = make_element("queue");
-    const ElementPtr sink = make_filesink(location_);
+    const ElementPtr sink = make_located("filesink", nullptr, location_);
     const ElementPtr mux = make_element("mp4mux");
     VEL_LOG_INFO("Output url: %s.", location_.c_str());
     VEL_LOG_INFO("Platform is 8550 (pure ubuntu), will use qtic2venc plugin.");
@@ -84,7 +77,7 @@ GstElement* StreamOutputMp4sink::build_6490_ql()
 {
     ElementPtr bin(gst_bin_new("velstream-output-mp4sink")); // floating on purpose
     const ElementPtr queue = make_element("queue");
-    const ElementPtr sink = make_filesink(location_);
+    const ElementPtr sink = make_located("filesink", nullptr, location_);
     const ElementPtr transform = make_element("qtivtransform", "qtivtransformNV12");
     const ElementPtr nv12 = make_capsfilter("capsfilter_nv12", "video/x-raw,format=NV12");
     const ElementPtr to_i420 = make_element("videoconvert", "videoconvert_NV12");

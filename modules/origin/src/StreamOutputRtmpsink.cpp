@@ -13,13 +13,13 @@ StreamOutputRtmpsink::StreamOutputRtmpsink(std::string location) : location_(std
 GstElement* StreamOutputRtmpsink::build()
 {
     ElementPtr bin(gst_bin_new("velstream-output-rtmpsink")); // floating on purpose
-    const ElementPtr sink = make_element("rtmpsink");
-    set_property(sink.get(), "location", location_);
+    const ElementPtr sink = make_located("rtmpsink", nullptr, location_);
     const ElementPtr mux = make_element("flvmux");
-    const bool is_h265 = get_encode_type(stream_id_) == "H265";
-    const ElementPtr filter =
-        make_capsfilter(nullptr, is_h265 ? "video/x-h265,profile=baseline" : "video/x-h264,profile=baseline");
+    const ElementPtr filter = make_element("capsfilter");
     const ElementPtr encoder = make_element("qtic2venc");
+    const bool is_h265 = get_encode_type(stream_id_) == "H265";
+    set_property(filter.get(), "caps",
+                 make_caps(is_h265 ? "video/x-h265,profile=baseline" : "video/x-h264,profile=baseline"));
     if (!bin || !sink || !mux || !filter || !encoder) {
         VEL_LOG_ERROR("Not all elements could be created.\n");
         return nullptr;

@@ -1,7 +1,10 @@
 #include "Elements.h"
 
+#include <gst/gsttracer.h>
+
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 namespace velstream::testing {
 
@@ -176,6 +179,14 @@ std::vector<std::string> chain_to_ghost_src(GstElement* bin)
     return labels;
 }
 
+void expect_one_active_ghost(GstElement* bin, const char* name)
+{
+    const PadPtr ghost(gst_element_get_static_pad(bin, name));
+    ASSERT_TRUE(ghost && GST_IS_GHOST_PAD(ghost.get()));
+    EXPECT_TRUE(gst_pad_is_active(ghost.get()));
+    EXPECT_EQ(bin->numpads, 1) << "no other pad";
+}
+
 bool has_property(gpointer object, const std::string& name)
 {
     return g_object_class_find_property(G_OBJECT_GET_CLASS(object), name.c_str()) != nullptr;
@@ -252,6 +263,36 @@ bool is_linked_to(GstPad* pad, GstElement* element, const char* sink_pad)
 int reference_count(gpointer object)
 {
     return GST_OBJECT_REFCOUNT_VALUE(object);
+}
+
+// ---- Links that are tried, by GStreamer's own tracing
+
+namespace {
+
+std::mutex link_results_mutex;
+std::vector<GstPadLinkReturn> link_results;
+
+void keep_link_result(GObject*, GstClockTime, GstPad*, GstPad*, GstPadLinkReturn result)
+{
+    const std::lock_guard lock(link_results_mutex);
+    link_results.push_back(result);
+}
+
+} // namespace
+
+void record_pad_links()
+{
+    const GType type = g_type_register_static_simple(GST_TYPE_TRACER, "VelTestLinkTracer", sizeof(GstTracerClass),
+                                                     nullptr, sizeof(GstTracer), nullptr, GTypeFlags{});
+    // Never released: a hook cannot be taken away again.
+    auto* tracer = GST_TRACER(gst_object_ref_sink(g_object_new(type, nullptr)));
+    gst_tracing_register_hook(tracer, "pad-link-post", G_CALLBACK(keep_link_result));
+}
+
+std::vector<GstPadLinkReturn> pad_link_results()
+{
+    const std::lock_guard lock(link_results_mutex);
+    return link_results;
 }
 
 namespace {

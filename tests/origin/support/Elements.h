@@ -41,6 +41,9 @@ std::vector<std::string> chain_from_ghost_sink(GstElement* bin);
 /// Labels of what leads to a bin's ghost "src" pad, in the direction of the data.
 std::vector<std::string> chain_to_ghost_src(GstElement* bin);
 
+/// A bin's only pad is this one: a ghost, and active.
+void expect_one_active_ghost(GstElement* bin, const char* name);
+
 bool has_property(gpointer object, const std::string& name);
 /// Value of a number, boolean, enum or flags property.
 long number_of(gpointer object, const std::string& name);
@@ -54,6 +57,11 @@ PadPtr make_source_pad(const std::string& name, const std::string& caps);
 void set_pad_caps(GstPad* pad, const std::string& caps);
 bool is_linked_to(GstPad* pad, GstElement* element, const char* sink_pad = "sink");
 int reference_count(gpointer object);
+
+/// From now on the results of all links of pads that are tried in this process are kept. Once a process.
+void record_pad_links();
+/// The results since then, in order.
+std::vector<GstPadLinkReturn> pad_link_results();
 
 /// Hides an element from the process for the life of the object, as on a machine that lacks it.
 class WithoutElement {

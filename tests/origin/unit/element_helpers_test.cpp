@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <type_traits>
 
 using namespace Quorvis::VelStream;
 using namespace velstream::testing;
@@ -171,6 +172,7 @@ TEST(AlignUp, RoundsUpToAMultiple)
     EXPECT_EQ(align_up(-5, 4), 0) << "truncating division: (-5 + 3) / 4 is 0";
     EXPECT_EQ(align_up(-9, 4), -4);
     EXPECT_EQ(align_up(INT_MAX - 15, 16), INT_MAX - 15);
+    EXPECT_EQ(align_up(INT_MAX, 32), INT_MIN + 32) << "32-bit arithmetic wraps round";
 }
 
 // ---- The builders' root
@@ -180,6 +182,38 @@ public:
     GstElement* build() override { return nullptr; }
     std::string id() const { return stream_id_; }
 };
+
+template <typename Base, typename... Builders>
+constexpr bool are_builders = ((std::is_base_of_v<Base, Builders> && !std::is_abstract_v<Builders>)&&...);
+
+TEST(Builders, AreOneTree)
+{
+    static_assert(std::is_abstract_v<StreamBase> && std::is_abstract_v<StreamInput> &&
+                  std::is_abstract_v<StreamOutput>);
+    static_assert(std::is_convertible_v<StreamInput*, StreamBase*> &&
+                  std::is_convertible_v<StreamOutput*, StreamBase*>);
+    static_assert(are_builders<StreamInput, StreamInputFile, StreamInputRtmp, StreamInputRtsp>);
+    static_assert(are_builders<StreamOutput, StreamOutputMp4sink, StreamOutputRtmpsink, StreamOutputRtspsink,
+                               StreamOutputWaylandsink>);
+    static_assert(std::has_virtual_destructor_v<StreamInput> && std::has_virtual_destructor_v<StreamOutput>);
+    static_assert(!std::has_virtual_destructor_v<StreamBase>, "deleted through an input or an output only");
+}
+
+TEST(Builders, HoldTheirFieldsAndNoMore)
+{
+    constexpr std::size_t kText = sizeof(std::string);
+    constexpr std::size_t kPointer = sizeof(void*);
+    static_assert(sizeof(StreamBase) == kPointer + 3 * kPointer + kText);
+    static_assert(sizeof(StreamInput) == sizeof(StreamBase) + 2 * kText);
+    static_assert(sizeof(StreamInputFile) == sizeof(StreamInput));
+    static_assert(sizeof(StreamInputRtmp) == sizeof(StreamInput));
+    static_assert(sizeof(StreamInputRtsp) == sizeof(StreamInput));
+    static_assert(sizeof(StreamOutput) == sizeof(StreamBase));
+    static_assert(sizeof(StreamOutputRtmpsink) == sizeof(StreamBase) + kText);
+    static_assert(sizeof(StreamOutputMp4sink) == sizeof(StreamBase) + kText + kPointer + 2 * sizeof(int32_t));
+    static_assert(sizeof(StreamOutputRtspsink) == sizeof(StreamOutputMp4sink));
+    static_assert(sizeof(StreamOutputWaylandsink) == sizeof(StreamBase) + 4 * sizeof(int32_t));
+}
 
 TEST(StreamBase, StreamIdIsEmptyUntilItIsSet)
 {
