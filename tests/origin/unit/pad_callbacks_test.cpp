@@ -72,8 +72,10 @@ TEST_F(DemuxerPads, SecondMp4VideoIsTriedAndRefusedWithReferenceCountsRight)
     cb_qtdemux_pad_added(nullptr, first.get(), queue_.get());
     const int sink_references = reference_count(sink_.get());
     const int queue_references = reference_count(queue_.get());
+    record_pad_links();
     for (int i = 0; i < 3; ++i)
         cb_qtdemux_pad_added(nullptr, second.get(), queue_.get());
+    EXPECT_EQ(pad_link_results(), std::vector<GstPadLinkReturn>(3, GST_PAD_LINK_WAS_LINKED)) << "tried each time";
     EXPECT_TRUE(is_linked_to(first.get(), queue_.get()));
     EXPECT_FALSE(gst_pad_is_linked(second.get()));
     EXPECT_EQ(reference_count(sink_.get()), sink_references);
@@ -111,7 +113,9 @@ TEST_F(DemuxerPads, SecondRtmpVideoIsIgnored)
     cb_flvdemux_pad_added(nullptr, first.get(), queue_.get());
     clear_log();
     const int sink_references = reference_count(sink_.get());
+    record_pad_links();
     cb_flvdemux_pad_added(nullptr, second.get(), queue_.get());
+    EXPECT_TRUE(pad_link_results().empty()) << "not even tried";
     EXPECT_FALSE(gst_pad_is_linked(second.get()));
     EXPECT_EQ(log_lines(), Lines{});
     EXPECT_EQ(reference_count(sink_.get()), sink_references);

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 using namespace Quorvis::VelStream;
 using namespace velstream::testing;
@@ -25,6 +26,33 @@ void expect_in_order(const Record& record, const Members&... members)
     const std::ptrdiff_t places[] = {place(record, members)...};
     for (std::size_t i = 1; i < std::size(places); ++i)
         EXPECT_LT(places[i - 1], places[i]) << "member " << i + 1;
+}
+
+template <typename... Records>
+constexpr bool are_plain_values = ((std::is_default_constructible_v<Records> && std::is_copy_constructible_v<Records> &&
+                                    std::is_copy_assignable_v<Records> &&
+                                    std::is_nothrow_move_constructible_v<Records> &&
+                                    std::is_move_assignable_v<Records> && !std::is_polymorphic_v<Records>)&&...);
+
+TEST(Records, ArePlainValues)
+{
+    static_assert(are_plain_values<StreamIns, StreamProperty, InputStreamProperty, OutputStreamProperty, ShareMem>);
+    static_assert(are_plain_values<Image>);
+    // The callback's move is not declared to throw nothing by every standard library.
+    static_assert(std::is_copy_constructible_v<PiplineData> && std::is_move_constructible_v<PiplineData>);
+
+    StreamIns original;
+    original.streamsId = "cam";
+    original.reserved = 3;
+    StreamIns moved(std::move(original));
+    EXPECT_EQ(moved.streamsId, "cam");
+    EXPECT_EQ(moved.reserved, 3) << "member by member, the spare one included";
+    Image frame;
+    frame.extra = "NV12";
+    frame.reserved1 = 5;
+    const Image copy = frame;
+    EXPECT_EQ(copy.extra, "NV12");
+    EXPECT_EQ(copy.reserved1, 5);
 }
 
 TEST(StreamIns, DefaultsAreSet)
@@ -65,6 +93,10 @@ TEST(Image, MembersKeepTheirOrderAndWidths)
                     i.alignedHeight, i.size, i.fps, i.format, i.frameIndex, i.timestamp, i.planeStride, i.planeHeight,
                     i.pts, i.extra);
     static_assert(std::is_same_v<decltype(Image::data), uint8_t*>);
+    static_assert(sizeof i.reserved0 == 4 && sizeof i.reserved1 == 4 && sizeof i.reserved2 == 4);
+    for (const int32_t* number :
+         {&i.width, &i.height, &i.alignedWidth, &i.alignedHeight, &i.format, &i.planeStride, &i.planeHeight})
+        EXPECT_EQ(*number, 0);
     static_assert(std::is_same_v<decltype(Image::size), uint64_t>);
     static_assert(std::is_same_v<decltype(Image::fps), double>);
     static_assert(std::is_same_v<decltype(Image::frameIndex), int64_t>);
@@ -188,6 +220,21 @@ TEST(OutputStreamProperty, DefaultsAreSet)
     EXPECT_EQ(output.textColor, "0xFF0000FF");
 }
 
+TEST(InputStreamProperty, MembersKeepTheirOrder)
+{
+    const InputStreamProperty i;
+    expect_in_order(i, i.inputType, i.inputAddr, i.decodeType, i.width, i.height, i.subStreamId, i.position,
+                    i.dimensions, i.crop, i.flipHorizontal, i.flipVertical);
+}
+
+TEST(OutputStreamProperty, MembersKeepTheirOrder)
+{
+    const OutputStreamProperty o;
+    expect_in_order(o, o.outputType, o.outputAddr, o.encodeType, o.width, o.height, o.overlaySwitch, o.subStreamId,
+                    o.logoPath, o.logoWidth, o.logoHeight, o.logoLocX, o.logoLocY, o.logoLocWidth, o.logoLocHeight,
+                    o.textStr, o.textLocX, o.textLocY, o.textFontSize, o.textColor);
+}
+
 TEST(PiplineData, StartsEmpty)
 {
     const PiplineData data;
@@ -196,6 +243,10 @@ TEST(PiplineData, StartsEmpty)
     EXPECT_EQ(data.frameCount, 0U);
     EXPECT_FALSE(data.callback);
     EXPECT_EQ(data.streamId, "");
+    static_assert(sizeof data.reserved == sizeof(void*));
+    static_assert(std::is_same_v<decltype(PiplineData::frameCount), uint64_t>);
+    static_assert(std::is_same_v<decltype(PiplineData::lastTime), GstClockTime>);
+    static_assert(std::is_same_v<decltype(PiplineData::callback), std::function<int8_t(const Image&)>>);
     expect_in_order(data, data.pipeline, data.bus, data.reserved, data.frameCount, data.lastTime, data.callback,
                     data.image, data.streamId);
 }
