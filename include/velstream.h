@@ -146,7 +146,8 @@ int start(StreamIns& ins, std::function<int8_t(const Image&)>& callback);
  */
 int get_properties(std::string stream_id, StreamIns& ins);
 
-/// Stops the stream with this id, or every stream for "all_stream". Callable from any thread; the stream's
+/// Stops the stream with this id, or every stream for "all_stream" (all but pushed H.265 decoding, whose streams end by
+/// their own ids). Callable from any thread; the stream's
 /// start call returns within a second of this call's return. Called from a frame callback it returns at once, and the
 /// stream ends after the callback. An unknown id and a second stop are harmless. On the "ub2404" platform a stop ends
 /// every other ordinary stream of the process too, and later ones end as soon as they start.
@@ -170,6 +171,50 @@ int start_stream_input_rtsp(std::string input_addr, std::function<int8_t(const I
 /// The same from an RTMP source; `input_addr` is its URL.
 int start_stream_input_rtmp(std::string input_addr, std::function<int8_t(const Image&)> callback, StreamType type,
                             std::string output_addr, int width, int height, std::string stream_id);
+
+/**
+ * Starts a decoder for H.265 access units that the application pushes, and returns once its pipeline plays or has
+ * failed; it runs on a thread of its own until stop_splice_stream(), and needs no entry in the configuration file.
+ * Also reached by start_stream() and start() for the input type "splice".
+ * @param stream_id  any text but the empty one.
+ * @param callback   moved from, unless the result is -1. Called once a decoded frame, on a streaming thread, one call
+ *                   at a time. The frame is NV12 (`extra` says so): `planeHeight` rows of `planeStride` bytes of Y,
+ * then the interleaved chroma; `size` bytes in all, to be read only, valid only during the call.
+ * @return 0 it plays; -1 empty id or callback; -2 the id is taken; -4 the pipeline cannot be made or does not play;
+ *         -8 the stream ended before it played, or the machine has no thread left.
+ */
+int start_splice_stream(std::string stream_id, std::function<int8_t(const Image&)>& callback);
+
+/**
+ * Pushes one access unit, start codes included. Units are dropped with -6 until a VPS, an SPS and a PPS have come and
+ * then a key frame; one unit may hold them all. Callable from any thread, one push at a time a stream: while 4 MiB wait
+ * for the decoder, a push blocks until there is room or the stream ends.
+ * @param pts           ns; negative: pushed without a time stamp (the elements may reckon one).
+ * @param is_key_frame  true: counts as a key frame whatever is in the unit.
+ * @return 0 accepted; -1 null data, size 0 or empty id; -3 no such stream; -5 the stream has ended or is stopping;
+ *         -6 dropped; -7 refused by the pipeline; -8 no memory.
+ */
+int decode_put_frame_splice(const unsigned char* data, unsigned long size, const std::string& stream_id, long pts,
+                            bool is_key_frame);
+
+/**
+ * Ends a stream and waits for its thread, and so for a frame callback that is running; from inside that callback it
+ * returns at once. Frames that are still in the decoder are lost. After an error or an end of stream it frees the id.
+ * @return 0 stopped; -3 no such stream; -8 the stream has no state.
+ */
+int stop_splice_stream(std::string stream_id);
+
+/// What parse_hevc_au_info_splice() finds in a buffer.
+struct HevcAuInfo {
+    bool has_vps; ///< A video parameter set: type 32.
+    bool has_sps; ///< A sequence parameter set: type 33.
+    bool has_pps; ///< A picture parameter set: type 34.
+    bool is_irap; ///< A picture that decoding can start at: types 16 to 21.
+    bool has_vcl; ///< A slice of a picture: types below 32.
+};
+
+/// Scans an Annex-B buffer for NAL units. Null, or 5 bytes and less: nothing is found.
+HevcAuInfo parse_hevc_au_info_splice(const unsigned char* data, unsigned long size);
 
 /// Always -1, whatever is running.
 int get_stream_status();

@@ -30,10 +30,15 @@ using PadPtr = std::unique_ptr<GstPad, Releaser<gst_object_unref>>;
 using BusPtr = std::unique_ptr<GstBus, Releaser<gst_object_unref>>;
 using ClockPtr = std::unique_ptr<GstClock, Releaser<gst_object_unref>>;
 using CapsPtr = std::unique_ptr<GstCaps, MiniObjectReleaser>;
+using BufferPtr = std::unique_ptr<GstBuffer, MiniObjectReleaser>;
+using SamplePtr = std::unique_ptr<GstSample, MiniObjectReleaser>;
 using MessagePtr = std::unique_ptr<GstMessage, MiniObjectReleaser>;
 using IteratorPtr = std::unique_ptr<GstIterator, Releaser<gst_iterator_free>>;
 using ErrorPtr = std::unique_ptr<GError, Releaser<g_error_free>>;
 using TextPtr = std::unique_ptr<char, Releaser<g_free>>;
+using MainContextPtr = std::unique_ptr<GMainContext, Releaser<g_main_context_unref>>;
+using MainLoopPtr = std::unique_ptr<GMainLoop, Releaser<g_main_loop_unref>>;
+using SourcePtr = std::unique_ptr<GSource, Releaser<g_source_unref>>;
 
 /// Makes an element and sinks its floating reference: the handle owns it before and after a bin takes its own.
 /// Null when the factory is missing; the log names it.

@@ -117,9 +117,10 @@ int refuse_kind(const char* kind, const std::string& stream_id)
 
 /// Where the kinds of stream that have a pipeline of their own join, in the order in which they are asked for.
 /// @return their result; nothing for a stream of the ordinary path.
-std::optional<int> start_special_stream(const StreamIns& ins, const std::string& stream_id, bool reads_file)
+std::optional<int> start_special_stream(const StreamIns& ins, const std::string& stream_id, bool reads_file,
+                                        std::function<int8_t(const Image&)>& callback)
 {
-    if (ins.inputType == "splice") return refuse_kind("splice", stream_id);
+    if (ins.inputType == "splice") return start_splice_stream(stream_id, callback);
     if (reads_file && ins.audio) return refuse_kind("audio", stream_id);
     if (reads_file && ins.rollingsave) return refuse_kind("rollingsave", stream_id);
     if (ins.saveMp4) {
@@ -206,13 +207,13 @@ int start_stream(std::string stream_id, std::function<int8_t(const Image&)>& cal
         VEL_LOG_ERROR("There is no related stream information.");
         return -1;
     }
-    if (const std::optional<int> result = start_special_stream(ins, stream_id, true)) return *result;
+    if (const std::optional<int> result = start_special_stream(ins, stream_id, true, callback)) return *result;
     return start_ordinary_stream(ins, stream_id, callback);
 }
 
 int start(StreamIns& ins, std::function<int8_t(const Image&)>& callback)
 {
-    if (const std::optional<int> result = start_special_stream(ins, ins.streamsId, false)) return *result;
+    if (const std::optional<int> result = start_special_stream(ins, ins.streamsId, false, callback)) return *result;
     return start_ordinary_stream(ins, ins.streamsId, callback);
 }
 
@@ -309,7 +310,7 @@ int start_stream_input_rtmp(std::string input_addr, std::function<int8_t(const I
 void gstreamer_pipeline_shutdown(std::string stream_id)
 {
     if (stream_id != "all_stream" && is_splice_stream(stream_id)) {
-        refuse_kind("splice", stream_id);
+        stop_splice_stream(stream_id);
         return;
     }
     send_eos(stream_id);
