@@ -7,6 +7,7 @@
 #include "test_platform.h"
 
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <algorithm>
 
@@ -313,6 +314,14 @@ TEST_F(InputFailures, RtspBinThatDoesNotLinkIsLogged)
         EXPECT_FALSE(build<StreamInputRtsp>("rtsp://127.0.0.1:1/cam")) << one.factory;
         EXPECT_EQ(log_lines().back(), one.line);
     }
+}
+
+TEST_F(InputFailures, ConfigurationThatIsNotJsonRaisesTheParsersException)
+{
+    config_.write("{");
+    EXPECT_THROW(build<StreamInputFile>("a.mp4"), Json::RuntimeError);
+    EXPECT_THROW(build<StreamInputRtmp>("rtmp://127.0.0.1:1/live/cam"), Json::RuntimeError);
+    EXPECT_THROW(build<StreamInputRtsp>("rtsp://127.0.0.1:1/cam"), Json::RuntimeError);
 }
 
 TEST_F(InputFailures, AnotherIdForTheBuilderChangesTheCodecButNotTheName)

@@ -6,6 +6,7 @@
 #include "test_platform.h"
 
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <algorithm>
 
@@ -302,6 +303,17 @@ TEST_F(Outputs, RtspThatDoesNotLinkIsLogged)
         EXPECT_FALSE(build(StreamOutputRtspsink(kUrl)));
         EXPECT_EQ(log_lines().back(), one.line);
     }
+}
+
+TEST_F(Outputs, ConfigurationThatIsNotJsonRaisesTheParsersException)
+{
+    config_.write("{");
+    EXPECT_THROW(build(StreamOutputRtspsink(kUrl)), Json::RuntimeError);
+    EXPECT_THROW(build(StreamOutputRtmpsink("rtmp://127.0.0.1:1/live/out")), Json::RuntimeError);
+    if (is_v4l2_kind())
+        EXPECT_THROW(build(StreamOutputMp4sink("/tmp/x.mp4")), Json::RuntimeError);
+    else
+        EXPECT_TRUE(build(StreamOutputMp4sink("/tmp/x.mp4"))) << "it asks for nothing there";
 }
 
 // ---- RTMP, the same on every platform

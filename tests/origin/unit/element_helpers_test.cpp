@@ -241,6 +241,26 @@ TEST_F(ElementHelpers, SinkPadIsAnActiveGhostOfTheElements)
     }
 }
 
+TEST_F(ElementHelpers, ElementWithoutThePadGetsNoGhost)
+{
+    // Criticals end the test's process.
+    const ElementPtr bin = share(gst_bin_new("bin"));
+    GstElement* sink = gst_element_factory_make("fakesink", nullptr);
+    gst_bin_add(GST_BIN(bin.get()), sink);
+    BareBuilder builder;
+    builder.createSrcPad(bin.get(), sink);
+    EXPECT_EQ(bin->numpads, 0);
+}
+
+TEST_F(ElementHelpers, StreamOutputThatCannotBeBuiltIsNull)
+{
+    const WithoutElement without("waylandsink");
+    StreamIns ins;
+    ins.outputType = "wayland";
+    EXPECT_EQ(g_get_stream_output(ins), nullptr);
+    EXPECT_EQ(log_lines().back(), "E Not all elements could be created.\n");
+}
+
 TEST(StreamInput, TheLastConstructedInputIsNoted)
 {
     const StreamInputRtsp first("rtsp://127.0.0.1:1/a", "a");
