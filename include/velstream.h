@@ -15,6 +15,10 @@
 #include <functional>
 #include <string>
 
+namespace cv {
+class Mat; // OpenCV's matrix: only who calls the functions with matrices includes <opencv2/core.hpp>
+}
+
 namespace Quorvis::VelStream {
 
 /// Where a stream's frames go beside the callback. Mapped from `StreamIns::outputType`.
@@ -216,6 +220,24 @@ struct HevcAuInfo {
 /// Scans an Annex-B buffer for NAL units. Null, or 5 bytes and less: nothing is found.
 HevcAuInfo parse_hevc_au_info_splice(const unsigned char* data, unsigned long size);
 
+/**
+ * Copies a frame into a matrix of its own: 8 bits, 3 channels, in the frame's order, no conversion.
+ * @param rows,cols  height and width of the frame, whose rows are tight.
+ * @param data       rows x cols x 3 bytes. Null with a size that is not 0 raises OpenCV's exception.
+ */
+cv::Mat get_data(int rows, int cols, char* data);
+
+/**
+ * Converts a frame of the "v4l2" and "ub2404" platforms to BGR. On the other platforms `alignedWidth` and
+ * `alignedHeight` are 0 and OpenCV raises its exception: set them to `width` and `height` in a copy of the image first.
+ * @param out    a view of width x height into a matrix of the padded size, which it keeps alive.
+ * @param image  `alignedHeight` rows of `alignedWidth` packed RGB pixels.
+ * @return 0; -1 without data.
+ */
+int v4l2_get_mat(cv::Mat& out, Image image);
+/// The same without the crop: `out` has the padded size.
+int v4l2_get_mat_ori(cv::Mat& out, Image image);
+
 /// Always -1, whatever is running.
 int get_stream_status();
 
@@ -226,3 +248,17 @@ void set_log_level(GSTLogLevel level);
 void clogger(const char* path);
 
 } // namespace Quorvis::VelStream
+
+/**
+ * Writes the local time onto a frame in place, in red on RGB: "2024-01-02 03:04:05.067", base line at x 20, y 50.
+ * @param frame  height rows of width pixels, 3 bytes a pixel, no padding; not null.
+ */
+void draw_timestamp(unsigned char* frame, int width, int height);
+
+/**
+ * Lays a picture over a frame in place. A pixel of the picture with any channel above 240, as white has, is
+ * transparent.
+ * @param frame,picture  height rows of width pixels, 3 bytes a pixel, no padding, both in the same order of channels.
+ *                       Null, or a width or height of 0 and less: nothing happens.
+ */
+void draw_picture(unsigned char* frame, unsigned char* picture, int width, int height);
