@@ -2,7 +2,7 @@
 // the memory, never the size or the colours. Not a registered element: it lives only inside the codec bins.
 #pragma once
 
-#include "codec_handles.h"
+#include "software_handles.h"
 
 namespace velstream::software {
 

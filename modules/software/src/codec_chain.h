@@ -2,7 +2,7 @@
 // while data flows.
 #pragma once
 
-#include "codec_handles.h"
+#include "software_handles.h"
 
 #include <vector>
 

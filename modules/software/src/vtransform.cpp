@@ -1,7 +1,9 @@
 // "qtivtransform": converts colours, scales, crops, turns and flips video in one step.
 #include "elements.h"
+#include "frame_convert.h"
 #include "frame_layout.h"
 #include "software_handles.h"
+#include "video_properties.h"
 #include "vtransform_caps.h"
 #include "vtransform_geometry.h"
 
@@ -14,21 +16,6 @@ namespace velstream::software {
 namespace {
 
 enum Property : guint { kEngine = 1, kCrop, kDestination, kRotate, kFlipHorizontal, kFlipVertical };
-
-constexpr int kDefaultEngine = 1;
-
-constexpr GEnumValue kEngines[] = {{0, "C2D converter", "c2d"},
-                                   {1, "OpenGL ES", "gles"},
-                                   {2, "FastCV", "fcv"},
-                                   {3, "OpenCL", "opencl"},
-                                   {0, nullptr, nullptr}};
-
-constexpr GEnumValue kRotations[] = {
-    {static_cast<int>(Rotation::none), "No rotation", "none"},
-    {static_cast<int>(Rotation::clockwise), "90 degrees clockwise", "90CW"},
-    {static_cast<int>(Rotation::counter_clockwise), "90 degrees counter-clockwise", "90CCW"},
-    {static_cast<int>(Rotation::half_turn), "180 degrees", "180"},
-    {0, nullptr, nullptr}};
 
 struct TransformState {
     int engine = kDefaultEngine; ///< kept for its reader: every value converts alike. Guarded by the object lock
@@ -116,30 +103,14 @@ GstFlowReturn generate_output(GstBaseTransform* transform, GstBuffer** output)
     return GST_FLOW_OK;
 }
 
-/// RGB rows without a GstVideoMeta are GStreamer's, unless the buffer only holds tight ones.
-GstVideoInfo input_layout(GstBuffer* buffer, const GstVideoInfo& info)
-{
-    GstVideoInfo layout = info;
-    const gsize size = gst_buffer_get_size(buffer);
-    if (!gst_buffer_get_video_meta(buffer) && size < GST_VIDEO_INFO_SIZE(&info) && size >= tight_frame_size(info))
-        make_layout_tight(layout);
-    return layout;
-}
-
 GstFlowReturn transform_frame(GstBaseTransform* transform, GstBuffer* input, GstBuffer* output)
 {
     TransformState& state = state_of(transform);
     if (!state.applied) return GST_FLOW_NOT_NEGOTIATED;
-    if (has_tight_layout(GST_VIDEO_INFO_FORMAT(&state.out)) &&
-        !(gst_buffer_get_video_meta(output) && has_tight_rows(output, state.out)))
-        announce_tight_rows(output, state.out);
-    const MappedFrame in(input_layout(input, state.in), input, GST_MAP_READ);
-    const MappedFrame out(state.out, output, GST_MAP_WRITE);
-    if (!in || !out) {
+    if (!convert_frame(state.transformer, state.in, input, state.out, output)) {
         GST_ELEMENT_ERROR(transform, RESOURCE, FAILED, ("A video frame could not be mapped."), (nullptr));
         return GST_FLOW_ERROR;
     }
-    state.transformer.run(picture_of(in.get()), picture_of(out.get()));
     return GST_FLOW_OK;
 }
 
@@ -187,57 +158,15 @@ gboolean propose_allocation(GstBaseTransform* transform, GstQuery* decide_query,
     return TRUE;
 }
 
-/// Puts a pool of tight rows where downstream offers none, or another one.
-void put_tight_pool(GstQuery* query, GstCaps* caps)
-{
-    guint min_buffers = 0;
-    guint max_buffers = 0;
-    if (gst_query_get_n_allocation_pools(query) > 0) {
-        GstBufferPool* offered = nullptr;
-        guint size = 0;
-        gst_query_parse_nth_allocation_pool(query, 0, &offered, &size, &min_buffers, &max_buffers);
-        const BufferPoolPtr owner(offered);
-        if (offered && is_tight_pool(offered)) return;
-    }
-    while (gst_query_get_n_allocation_pools(query) > 0)
-        gst_query_remove_nth_allocation_pool(query, 0);
-    const BufferPoolPtr pool(make_tight_pool(caps, min_buffers, 0));
-    GstVideoInfo info;
-    if (pool && gst_video_info_from_caps(&info, caps))
-        gst_query_add_allocation_pool(query, pool.get(), static_cast<guint>(tight_frame_size(info)), min_buffers, 0);
-}
-
-/// Reuses frames where downstream has no pool.
-void put_plain_pool(GstQuery* query, GstCaps* caps, const GstVideoInfo& info)
-{
-    if (gst_query_get_n_allocation_pools(query) > 0) return;
-    const auto size = static_cast<guint>(GST_VIDEO_INFO_SIZE(&info));
-    const BufferPoolPtr pool(gst_video_buffer_pool_new());
-    GstStructure* config = gst_buffer_pool_get_config(pool.get());
-    gst_buffer_pool_config_set_params(config, caps, size, 0, 0);
-    if (gst_buffer_pool_set_config(pool.get(), config)) gst_query_add_allocation_pool(query, pool.get(), size, 0, 0);
-}
-
 gboolean decide_allocation(GstBaseTransform* transform, GstQuery* query)
 {
-    GstCaps* caps = nullptr;
-    gst_query_parse_allocation(query, &caps, nullptr);
-    GstVideoInfo info;
-    if (!caps || !gst_video_info_from_caps(&info, caps)) return FALSE;
-    if (has_tight_layout(GST_VIDEO_INFO_FORMAT(&info)))
-        put_tight_pool(query, caps);
-    else
-        put_plain_pool(query, caps, info);
+    if (!put_frame_pool(query)) return FALSE;
     return base_class()->decide_allocation(transform, query);
 }
 
-/// Metas that speak of the video in general stay; those that speak of memory, size or colours do not.
 gboolean transform_meta(GstBaseTransform* transform, GstBuffer* output, GstMeta* meta, GstBuffer* input)
 {
-    static const gchar* kept_tags[] = {GST_META_TAG_VIDEO_STR, nullptr};
-    const gchar* const* tags = gst_meta_api_type_get_tags(meta->info->api);
-    if (!tags || (g_strv_length(const_cast<gchar**>(tags)) == 1 && g_strv_contains(kept_tags, tags[0]))) return TRUE;
-    return base_class()->transform_meta(transform, output, meta, input);
+    return is_kept_by_conversion(*meta) || base_class()->transform_meta(transform, output, meta, input);
 }
 
 gboolean stop(GstBaseTransform* transform)
@@ -351,11 +280,9 @@ GParamSpec* rectangle_spec(const char* name, const char* nick, const char* blurb
 
 void install_properties(GObjectClass* klass)
 {
-    static const GType engine_type = g_enum_register_static("VelTransformEngine", kEngines);
-    static const GType rotation_type = g_enum_register_static("VelTransformRotation", kRotations);
     g_object_class_install_property(klass, kEngine,
                                     g_param_spec_enum("engine", "Engine",
-                                                      "Backend of the platform; all convert alike here", engine_type,
+                                                      "Backend of the platform; all convert alike here", engine_type(),
                                                       kDefaultEngine, kPropertyFlags));
     g_object_class_install_property(
         klass, kCrop,
@@ -364,7 +291,7 @@ void install_properties(GObjectClass* klass)
                                     rectangle_spec("destination", "Destination",
                                                    "Part of the output to fill ('<X, Y, WIDTH, HEIGHT>', zeros: all)"));
     g_object_class_install_property(klass, kRotate,
-                                    g_param_spec_enum("rotate", "Rotate", "Turn of the picture", rotation_type,
+                                    g_param_spec_enum("rotate", "Rotate", "Turn of the picture", rotation_type(),
                                                       static_cast<int>(Rotation::none), kPropertyFlags));
     g_object_class_install_property(
         klass, kFlipHorizontal,

@@ -5,8 +5,8 @@
 // only.
 #include "elements.h"
 
-#include "codec_handles.h"
 #include "codec_waylandsink.h"
+#include "software_handles.h"
 
 #include <gst/video/videooverlay.h>
 
