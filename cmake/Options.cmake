@@ -12,6 +12,7 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 # The software elements get a folder of their own, so that they never shadow a device's elements.
 set(VELSTREAM_PLUGIN_DIR ${CMAKE_BINARY_DIR}/lib/velstream-gst/gstreamer-1.0)
+set(VELSTREAM_CONF_INSTALL_DIR ${CMAKE_INSTALL_DATADIR}/velstream-gst/conf)
 set(VELSTREAM_PLUGIN_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/velstream-gst/gstreamer-1.0)
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow)

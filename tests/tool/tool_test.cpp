@@ -39,8 +39,8 @@ TEST_F(Tool, JsonHoldsOneObjectAStreamAndNothingElse)
     const std::vector<std::string> ids{"clip", "second"};
     for (std::size_t i = 0; i < lines.size(); ++i) {
         const Json::Value value = parse_json(lines[i]);
-        EXPECT_EQ(value.getMemberNames(),
-                  (std::vector<std::string>{"fps", "frames", "height", "result", "seconds", "stream", "width"}));
+        EXPECT_EQ(value.getMemberNames(), (std::vector<std::string>{"fps", "frames", "height", "result", "seconds",
+                                                                    "stopped", "stream", "width"}));
         EXPECT_EQ(value["stream"].asString(), ids[i]);
         EXPECT_EQ(value["result"].asInt(), 0);
         EXPECT_EQ(value["frames"].asInt(), 20);
@@ -101,8 +101,8 @@ TEST_F(Tool, MissingInputFileIsOneSentence)
 {
     write_clip();
     EXPECT_EQ(run_software("run gone").status, 2);
-    EXPECT_EQ(stderr_text(), "velstream: Stream gone: input file /nonexistent.mp4 cannot be read: No such file or "
-                             "directory.\n");
+    EXPECT_EQ(stderr_text(), "velstream: Stream gone: \"inputAddr\" /nonexistent.mp4 cannot be read: No such file "
+                             "or directory.\n");
 }
 
 TEST_F(Tool, MissingConfigurationIsOneSentence)
@@ -161,7 +161,8 @@ TEST_F(Tool, ElementsAutoTakesTheSoftwareOnesWhereThereIsNoDevice)
     setenv("GST_REGISTRY", (folder_ / "registry.bin").c_str(), 1);
     unsetenv("GST_PLUGIN_PATH");
     EXPECT_EQ(run("run clip --elements auto").status, 0) << stderr_text();
-    EXPECT_EQ(run("run clip --elements device").status, 1);
+    EXPECT_EQ(run("run clip --elements device").status, 2);
+    EXPECT_EQ(stderr_text(), "velstream: Stream clip needs the element v4l2h264dec, which is missing.\n");
 }
 
 TEST_F(Tool, ElementsSoftwareThatAreNotThereAreOneSentence)
@@ -184,7 +185,11 @@ TEST_F(Tool, StreamNamedTwiceIsOneSentence)
 
 TEST_F(Tool, PropertyOfAWrongTypeIsOneSentence)
 {
-    write_clip(1, R"(,{"streamsId": "odd", "properties": {"inputType": "rtsp", "inputAddr": ["rtsp://127.0.0.1/"]}})");
+    write_clip(1, R"(,{"streamsId": "list", "properties": {"inputType": "rtsp", "inputAddr": ["rtsp://127.0.0.1/"]}},
+                      {"streamsId": "odd", "properties": {"inputType": "rtsp", "inputAddr": "rtsp://127.0.0.1/",
+                                                          "audio": "maybe"}})");
+    EXPECT_EQ(run_software("run list").status, 2);
+    EXPECT_EQ(stderr_text(), "velstream: Stream list: \"inputAddr\" is no string.\n");
     EXPECT_EQ(run_software("run odd").status, 1);
     EXPECT_NE(stderr_text().find("velstream: stream odd cannot be read from the configuration: "), std::string::npos)
         << stderr_text();
@@ -198,6 +203,33 @@ TEST_F(Tool, FailureAfterFramesIsToldWithTheirNumber)
     EXPECT_NE(output.text.find("result -1"), std::string::npos) << output.text;
     EXPECT_EQ(stderr_text().rfind("velstream: stream full ended with a failure after ", 0), 0U) << stderr_text();
     EXPECT_NE(stderr_text().find(" frames; --log-level error shows the cause.\n"), std::string::npos) << stderr_text();
+}
+
+TEST_F(Tool, StreamForPushedAccessUnitsNamesItsCommand)
+{
+    write_config(R"({"streams": [{"streamsId": "pushed", "properties": {"inputType": "splice"}}]})");
+    EXPECT_EQ(run_software("run pushed").status, 2);
+    EXPECT_EQ(stderr_text(), "velstream: Stream pushed decodes what an application pushes: \"velstream splice\" serves "
+                             "it.\n");
+}
+
+TEST_F(Tool, StreamThatCannotStartIsRefusedByRunAsByCheck)
+{
+    write_clip(1, R"(,{"streamsId": "up", "properties": {"inputType": "file", "inputAddr": ")" + clip() +
+                      R"(", "outputType": "rtmp", "outputAddr": "rtmp://127.0.0.1/x"}})");
+    EXPECT_EQ(run_software("run up").status, 2);
+    EXPECT_EQ(stderr_text(),
+              "velstream: Stream up: \"outputType\" \"rtmp\" cannot be started from a configuration file.\n");
+}
+
+TEST_F(Tool, HelpOfEveryCommandHasExamplesAndExitStatuses)
+{
+    for (const char* name : {"run", "list", "check", "elements"}) {
+        const Output output = run_command(std::string(TOOL_PATH) + " " + name + " --help");
+        EXPECT_EQ(output.status, 0) << name;
+        EXPECT_NE(output.text.find(std::string("Examples:\n  velstream ") + name), std::string::npos) << output.text;
+        EXPECT_NE(output.text.find("\nExit status: 0 "), std::string::npos) << output.text;
+    }
 }
 
 TEST_F(Tool, WrongUsageIsStatusTwo)

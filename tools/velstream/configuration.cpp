@@ -2,29 +2,37 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <limits>
+#include <regex>
 #include <sstream>
-
-#include <unistd.h>
 
 namespace velstream::tool {
 
 namespace {
 
-Json::Value parse(const std::string& path)
+std::string read_text(const std::string& path)
 {
     std::ifstream file(path);
     if (!file) throw UserError("Configuration file " + path + " cannot be opened: " + std::strerror(errno) + ".");
-    Json::Value root;
-    std::string errors;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), file, &root, &errors)) {
-        std::string first_line;
-        std::istringstream lines(errors);
-        while (std::getline(lines, first_line) && first_line.find_first_not_of(" *") == std::string::npos) {
-        }
-        throw UserError("Configuration file " + path + " is not valid JSON: " + first_line);
-    }
-    return root;
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored)) throw UserError("Configuration file " + path + " is a folder.");
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+/// "* Line 1, Column 3\n  Missing '}'\n..." as "line 1, column 3: Missing '}'".
+std::string first_error(const std::string& errors)
+{
+    static const std::regex place(R"(\* Line (\d+), Column (\d+)\n\s*([^\n]*))");
+    std::smatch match;
+    if (!std::regex_search(errors, match, place)) return errors.substr(0, errors.find('\n'));
+    std::string cause = match[3];
+    while (!cause.empty() && cause.back() == '.')
+        cause.pop_back();
+    return "line " + match[1].str() + ", column " + match[2].str() + ": " + cause;
 }
 
 std::string known_ids(const std::vector<StreamEntry>& streams)
@@ -35,20 +43,6 @@ std::string known_ids(const std::vector<StreamEntry>& streams)
     return text.empty() ? "none" : text;
 }
 
-void check_startable(const StreamEntry& stream)
-{
-    const std::string type = stream.text("inputType");
-    if (!stream.properties.isMember("inputType")) throw UserError("Stream " + stream.id + " has no \"inputType\".");
-    if (type != "splice" && !stream.properties.isMember("inputAddr"))
-        throw UserError("Stream " + stream.id + " has no \"inputAddr\".");
-    if (type == "file" && access(stream.text("inputAddr").c_str(), R_OK) != 0)
-        throw UserError("Stream " + stream.id + ": input file " + stream.text("inputAddr") +
-                        " cannot be read: " + std::strerror(errno) + ".");
-    if (stream.text("outputType") == "rtmp")
-        throw UserError("Stream " + stream.id +
-                        ": \"outputType\" \"rtmp\" cannot be started from a configuration file.");
-}
-
 } // namespace
 
 std::string StreamEntry::text(const char* key) const
@@ -57,15 +51,38 @@ std::string StreamEntry::text(const char* key) const
     return value.isConvertibleTo(Json::stringValue) ? value.asString() : std::string();
 }
 
+long StreamEntry::number(const char* key) const
+{
+    const Json::Value& value = properties[key];
+    return value.isInt() ? value.asInt() : 0;
+}
+
 bool StreamEntry::is_set(const char* key) const
 {
     const Json::Value& value = properties[key];
     return value.isBool() && value.asBool();
 }
 
-std::vector<StreamEntry> read_streams(const std::string& path)
+Configuration read_configuration(const std::string& path)
 {
-    const Json::Value root = parse(path);
+    Configuration configuration{path, read_text(path), {}};
+    std::istringstream stream(configuration.content);
+    std::string errors;
+    bool is_valid = false;
+    try {
+        // With the settings that the library's own parser has.
+        is_valid = Json::parseFromStream(Json::CharReaderBuilder(), stream, &configuration.root, &errors);
+    } catch (const Json::Exception& error) {
+        errors = error.what(); // nested deeper than the parser goes
+    }
+    if (!is_valid) throw UserError("Configuration file " + path + " is not valid JSON: " + first_error(errors) + ".");
+    return configuration;
+}
+
+std::vector<StreamEntry> streams_of(const Configuration& configuration)
+{
+    const Json::Value& root = configuration.root;
+    const std::string& path = configuration.path;
     if (!root.isObject() || !root.isMember("streams"))
         throw UserError("Configuration file " + path + " has no \"streams\".");
     if (!root["streams"].isArray()) throw UserError("In configuration file " + path + " \"streams\" is not an array.");
@@ -78,18 +95,16 @@ std::vector<StreamEntry> read_streams(const std::string& path)
         if (!properties.isObject() && !properties.isNull())
             throw UserError("In configuration file " + path + " the \"properties\" of stream " + id +
                             " are not an object.");
-        streams.push_back({id, properties});
+        const Json::Value& parent = entry["pStreamId"];
+        streams.push_back({id, parent.isString() ? parent.asString() : "", properties, streams.size()});
     }
     return streams;
 }
 
-const StreamEntry& find_startable(const std::vector<StreamEntry>& streams, const std::string& id,
-                                  const std::string& path)
+const StreamEntry& find_stream(const std::vector<StreamEntry>& streams, const std::string& id, const std::string& path)
 {
     for (const StreamEntry& stream : streams) {
-        if (stream.id != id) continue;
-        check_startable(stream);
-        return stream;
+        if (stream.id == id) return stream;
     }
     throw UserError("Stream " + id + " is not in configuration file " + path + "; it has: " + known_ids(streams) + ".");
 }

@@ -3,6 +3,7 @@
 
 #include <json/json.h>
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -17,18 +18,38 @@ public:
 
 struct StreamEntry {
     std::string id;
+    std::string parent; ///< "pStreamId"; empty when it is absent
     Json::Value properties;
+    std::size_t index = 0; ///< place in "streams"
 
     /// A property as text; empty when it is absent.
     std::string text(const char* key) const;
+    /// A property as a number; 0 when it is absent or no number.
+    long number(const char* key) const;
     bool is_set(const char* key) const;
+    bool has(const char* key) const { return properties.isMember(key); }
+    /// The library takes the output only as a pair.
+    bool has_output() const { return has("outputType") && has("outputAddr"); }
+    std::string codec(const char* key) const { return text(key) == "H265" ? "H265" : "H264"; }
 };
 
-/// Reads every entry. @throws UserError
-std::vector<StreamEntry> read_streams(const std::string& path);
+struct Configuration {
+    std::string path;
+    std::string content;
+    Json::Value root;
+};
 
-/// The entry of an id, checked as far as that is possible before it runs. @throws UserError
-const StreamEntry& find_startable(const std::vector<StreamEntry>& streams, const std::string& id,
-                                  const std::string& path);
+/// Reads and parses the file. @throws UserError
+Configuration read_configuration(const std::string& path);
+
+/// The entries of a file. @throws UserError
+std::vector<StreamEntry> streams_of(const Configuration& configuration);
+inline std::vector<StreamEntry> read_streams(const std::string& path)
+{
+    return streams_of(read_configuration(path));
+}
+
+/// The entry that the library takes for an id: the first. @throws UserError when there is none
+const StreamEntry& find_stream(const std::vector<StreamEntry>& streams, const std::string& id, const std::string& path);
 
 } // namespace velstream::tool

@@ -4,9 +4,12 @@
 
 #include <gst/gst.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
+#include <memory>
 
 namespace velstream::tool {
 
@@ -62,6 +65,75 @@ void choose_elements(const std::string& choice)
     if (choice == "device" || (choice == "auto" && has_device_elements())) return;
     if (choice == "auto") gst_registry_scan_path(gst_registry_get(), folder.c_str());
     load_plugin(folder);
+}
+
+namespace {
+
+struct Unref {
+    void operator()(void* object) const { gst_object_unref(object); }
+};
+
+std::string text_of(const char* text)
+{
+    return text ? text : "";
+}
+
+} // namespace
+
+ElementState find_element(const std::string& name)
+{
+    ElementState state{name, "", ""};
+    const std::unique_ptr<GstElementFactory, Unref> factory(gst_element_factory_find(name.c_str()));
+    if (!factory) return state;
+    const std::unique_ptr<GstPlugin, Unref> plugin(gst_plugin_feature_get_plugin(GST_PLUGIN_FEATURE(factory.get())));
+    // Without a plug-in it was made in this process, which only the software elements' answer to "waylandsink" is.
+    state.plugin = plugin ? text_of(gst_plugin_get_name(plugin.get())) : kPlugin;
+    if (plugin) state.file = text_of(gst_plugin_get_filename(plugin.get()));
+    return state;
+}
+
+const std::vector<std::string>& platform_elements()
+{
+    static const std::vector<std::string> names{"qtic2vdec",       "qtic2venc",     "qtimlqnn",    "qtimlvconverter",
+                                                "qtimlvdetection", "qtivcomposer",  "qtivdec",     "qtivoverlay",
+                                                "qtivsplit",       "qtivtransform", "v4l2h264dec", "v4l2h264enc",
+                                                "v4l2h265dec",     "v4l2h265enc",   "waylandsink"};
+    return names;
+}
+
+std::vector<std::string> platform_elements_of(const std::vector<std::string>& names)
+{
+    std::vector<std::string> found;
+    const std::vector<std::string>& known = platform_elements();
+    std::copy_if(names.begin(), names.end(), std::back_inserter(found), [&known](const std::string& name) {
+        return std::find(known.begin(), known.end(), name) != known.end();
+    });
+    return found;
+}
+
+std::vector<std::string> missing_elements(const std::vector<std::string>& names)
+{
+    std::vector<std::string> missing;
+    std::copy_if(names.begin(), names.end(), std::back_inserter(missing),
+                 [](const std::string& name) { return !find_element(name).is_found(); });
+    return missing;
+}
+
+std::string package_hint(const std::string& name)
+{
+    static const std::map<std::string, const char*> packages{
+        {"aacparse", "gstreamer1.0-plugins-good"},     {"flvdemux", "gstreamer1.0-plugins-good"},
+        {"h264parse", "gstreamer1.0-plugins-bad"},     {"h265parse", "gstreamer1.0-plugins-bad"},
+        {"jpegdec", "gstreamer1.0-plugins-good"},      {"mp4mux", "gstreamer1.0-plugins-good"},
+        {"mpegtsmux", "gstreamer1.0-plugins-bad"},     {"qtdemux", "gstreamer1.0-plugins-good"},
+        {"rtmpsrc", "gstreamer1.0-plugins-bad"},       {"rtph264depay", "gstreamer1.0-plugins-good"},
+        {"rtph265depay", "gstreamer1.0-plugins-good"}, {"rtpmp4gdepay", "gstreamer1.0-plugins-good"},
+        {"rtspclientsink", "gstreamer1.0-rtsp"},       {"rtspsrc", "gstreamer1.0-plugins-good"},
+        {"splitmuxsink", "gstreamer1.0-plugins-good"}, {"v4l2src", "gstreamer1.0-plugins-good"},
+        {"videobox", "gstreamer1.0-plugins-good"},     {"videoconvert", "gstreamer1.0-plugins-base"},
+        {"videorate", "gstreamer1.0-plugins-base"},    {"waylandsink", "gstreamer1.0-plugins-bad"}};
+    const auto package = packages.find(name);
+    return package == packages.end() ? "" : std::string(" (package ") + package->second + ")";
 }
 
 } // namespace velstream::tool

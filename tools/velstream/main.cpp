@@ -1,5 +1,7 @@
-// The command-line tool: runs and lists the streams of a configuration file.
+// The command-line tool: checks, lists and runs the streams of a configuration file.
+#include "check_command.h"
 #include "configuration.h"
+#include "elements_command.h"
 #include "list_command.h"
 #include "run_command.h"
 #include "velstream.h"
@@ -8,54 +10,142 @@
 
 #include <cstdio>
 #include <exception>
+#include <functional>
+#include <memory>
 
 namespace {
 
 constexpr int kBadUsage = 2;
 
-void add_run(CLI::App& app, velstream::tool::RunOptions& options)
+/// What the command line asks for; its result is the exit status.
+using Action = std::function<int()>;
+
+void add_config(CLI::App& command, std::string& config)
 {
-    CLI::App* run = app.add_subcommand("run", "Run streams until they end, Ctrl+C or a limit");
-    run->add_option("ID", options.ids, "Ids of configured streams; each runs on a thread of its own")->required();
-    run->add_option("--config", options.config, "Configuration file")->capture_default_str();
-    run->add_option("--duration", options.duration, "Stop after this many seconds")->check(CLI::PositiveNumber);
-    run->add_option("--frames", options.frames,
-                    "Stop once every stream has delivered this many frames or has ended; further frames are not "
-                    "counted")
-        ->check(CLI::PositiveNumber);
-    run->add_option("--snapshot", options.snapshot_folder,
-                    "Write PNG files of frames into this folder: the first, then every 30th, 100 at most");
-    run->add_flag("--json", options.is_json, "Print one JSON object a stream at the end, and nothing else, on stdout");
-    run->add_option("--log-level", options.log_level, "What the library logs on stderr")
-        ->check(CLI::IsMember({"info", "warning", "error", "none"}))
-        ->capture_default_str();
-    run->add_option("--elements", options.elements,
+    config = Quorvis::VelStream::g_stream_conf_file;
+    command.add_option("-c,--config", config, "Configuration file")->capture_default_str()->type_name("FILE");
+}
+
+void add_elements_choice(CLI::App& command, std::string& choice)
+{
+    command
+        .add_option("--elements", choice,
                     "device: the board's elements; software: the ones that come with the library; auto: the board's "
-                    "where it has them")
+                    "where it has them, else software")
         ->check(CLI::IsMember({"auto", "device", "software"}))
         ->capture_default_str();
-    run->footer("Ctrl+C stops all streams, a second one ends the program at once.\n"
-                "Exit status: 0 every stream ended well, 1 one failed, 2 wrong usage or configuration.\n"
-                "A stream that delivered frames until --duration, --frames or Ctrl+C stopped it ended well, whatever\n"
-                "its result: some platforms report a stop, or a file's end, as -1.");
+}
+
+void add_run(CLI::App& app, Action& action)
+{
+    auto options = std::make_shared<velstream::tool::RunOptions>();
+    CLI::App* run = app.add_subcommand("run", "Run streams until they end, Ctrl+C or a limit");
+    run->add_option("ID", options->ids, "Ids of configured streams; each runs on a thread of its own")->required();
+    add_config(*run, options->config);
+    run->add_option("--duration", options->duration, "Stop after this many seconds")
+        ->check(CLI::PositiveNumber)
+        ->type_name("SECONDS");
+    run->add_option("--frames", options->frames,
+                    "Stop once every stream has delivered this many frames or has ended; further frames are not "
+                    "counted")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
+    run->add_option("--snapshot", options->snapshot_folder,
+                    "Write PNG files of frames into this folder: the first, then every 30th, 100 at most")
+        ->type_name("FOLDER");
+    run->add_flag("--json", options->is_json, "Print one JSON object a stream at the end, and nothing else, on stdout");
+    run->add_option("--log-level", options->log_level, "What the library logs on stderr")
+        ->check(CLI::IsMember({"info", "warning", "error", "none"}))
+        ->capture_default_str();
+    add_elements_choice(*run, options->elements);
+    run->footer(
+        "Examples:\n"
+        "  velstream run camera                        until Ctrl+C, with the installed configuration\n"
+        "  velstream run camera file -c my.conf --duration 10 --snapshot /tmp/pictures\n"
+        "  velstream run camera --frames 100 --json    for a script\n"
+        "\n"
+        "Ctrl+C (or SIGTERM) stops all streams, a second one ends the program at once.\n"
+        "\n"
+        "Exit status: 0 every stream ended well, 1 one failed, 2 nothing was started: wrong usage or configuration,\n"
+        "or an element is missing.\n"
+        "A stream that delivered frames until --duration, --frames or Ctrl+C stopped it ended well, whatever\n"
+        "its result: some platforms report a stop, or a file's end, as -1. One that was stopped before its\n"
+        "first frame failed.");
+    run->callback([options, &action] { action = [options] { return velstream::tool::run_streams(*options); }; });
+}
+
+void add_list(CLI::App& app, Action& action)
+{
+    auto config = std::make_shared<std::string>();
+    auto is_json = std::make_shared<bool>(false);
+    CLI::App* list = app.add_subcommand("list", "Show the configured streams");
+    add_config(*list, *config);
+    list->add_flag("--json", *is_json, "One JSON object a stream");
+    list->footer("Examples:\n"
+                 "  velstream list -c my.conf\n"
+                 "  velstream list --json | jq -r .stream\n"
+                 "\n"
+                 "Exit status: 0 shown, 2 wrong usage or configuration.");
+    list->callback([=, &action] {
+        action = [=] {
+            velstream::tool::list_streams(*config, *is_json);
+            return 0;
+        };
+    });
+}
+
+void add_check(CLI::App& app, Action& action)
+{
+    auto options = std::make_shared<velstream::tool::CheckOptions>();
+    CLI::App* check = app.add_subcommand("check", "Say what is wrong with a configuration file");
+    add_config(*check, options->config);
+    check->add_flag("--strict", options->is_strict, "Warnings count as errors");
+    check->add_flag("--json", options->is_json, "One JSON object a finding");
+    add_elements_choice(*check, options->elements);
+    check->footer("Checks the file against its schema, then each stream: what keeps it from starting, which keys have\n"
+                  "no effect, which elements it needs and which of them are missing. Nothing is started.\n"
+                  "\n"
+                  "Examples:\n"
+                  "  velstream check -c my.conf\n"
+                  "  velstream check -c my.conf --elements device --strict\n"
+                  "\n"
+                  "Exit status: 0 no error, 1 an error (with --strict: or a warning), 2 wrong usage, or a file that\n"
+                  "cannot be read or is not JSON.");
+    check->callback(
+        [options, &action] { action = [options] { return velstream::tool::check_configuration(*options); }; });
+}
+
+void add_elements(CLI::App& app, Action& action)
+{
+    auto choice = std::make_shared<std::string>("auto");
+    auto is_json = std::make_shared<bool>(false);
+    CLI::App* elements = app.add_subcommand("elements", "Show which of the platform's elements are there");
+    elements->add_flag("--json", *is_json, "One JSON object an element");
+    add_elements_choice(*elements, *choice);
+    elements->footer("Lists every element that a platform brings along, found or missing, and its plug-in.\n"
+                     "\"velstream check\" says which of them a stream needs.\n"
+                     "\n"
+                     "Examples:\n"
+                     "  velstream elements\n"
+                     "  velstream elements --elements device    is this the board, and is it complete?\n"
+                     "\n"
+                     "Exit status: 0 all are there, 1 one is missing, 2 wrong usage.");
+    elements->callback([=, &action] { action = [=] { return velstream::tool::show_elements(*choice, *is_json); }; });
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    velstream::tool::RunOptions options;
-    options.config = Quorvis::VelStream::g_stream_conf_file;
-    std::string list_config = options.config;
-    bool is_list_json = false;
-
-    CLI::App app{"Runs live video streams and counts their frames."};
+    Action action;
+    CLI::App app{"Runs live video streams from a configuration file and counts their frames."};
     app.set_version_flag("--version", "velstream " VELSTREAM_VERSION);
     app.require_subcommand(1);
-    add_run(app, options);
-    CLI::App* list = app.add_subcommand("list", "Show the configured streams");
-    list->add_option("--config", list_config, "Configuration file")->capture_default_str();
-    list->add_flag("--json", is_list_json, "One JSON object a stream");
+    app.footer("\"velstream COMMAND --help\" has examples and exit statuses.");
+    add_run(app, action);
+    add_list(app, action);
+    add_check(app, action);
+    add_elements(app, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -63,9 +153,7 @@ int main(int argc, char** argv)
     }
 
     try {
-        if (!list->parsed()) return velstream::tool::run_streams(options);
-        velstream::tool::list_streams(list_config, is_list_json);
-        return 0;
+        return action();
     } catch (const velstream::tool::UserError& error) {
         std::fprintf(stderr, "velstream: %s\n", error.what());
         return kBadUsage;

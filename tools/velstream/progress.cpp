@@ -27,10 +27,11 @@ std::size_t terminal_columns()
 std::string describe(const StreamSession& session)
 {
     char text[128];
+    if (!session.has_callback()) return session.id() + ": recording";
     std::snprintf(text, sizeof text, ": %llu frames, %dx%d, %.1f frames/s",
                   static_cast<unsigned long long>(session.frames()), session.width(), session.height(), session.rate());
     std::string line = session.id() + text;
-    if (!session.is_ended() && session.silent_seconds() > kSilence) {
+    if (session.has_callback() && !session.is_ended() && session.silent_seconds() > kSilence) {
         std::snprintf(text, sizeof text, ", no frame for %.0f s", session.silent_seconds());
         line += text;
     }

@@ -2,7 +2,9 @@
 
 #include "configuration.h"
 #include "elements.h"
+#include "findings.h"
 #include "progress.h"
+#include "stream_kind.h"
 #include "stream_session.h"
 #include "velstream.h"
 
@@ -135,12 +137,19 @@ void wait_for_end(const Sessions& sessions, const RunOptions& options, const Sig
     progress.finish();
 }
 
+/// Some platforms report an end of stream that was asked for as -1.
+bool is_stop_reported_as_failure(const StreamSession& session)
+{
+    return session.result() != 0 && (session.is_stopped() || session.is_satisfied());
+}
+
 /// A stream that delivered frames until the tool stopped it, or as many as were asked for, has done its work, whatever
-/// its runner returned.
+/// its runner returned. A recording has no frames to deliver.
 bool ended_well(const StreamSession& session)
 {
     if (!session.exception().empty()) return false;
-    return session.result() == 0 || (session.frames() > 0 && (session.is_stopped() || session.is_satisfied()));
+    if (session.is_stopped()) return session.frames() > 0 || !session.has_callback();
+    return session.result() == 0 || session.is_satisfied();
 }
 
 Json::Value to_json(const StreamSession& session)
@@ -153,6 +162,7 @@ Json::Value to_json(const StreamSession& session)
     value["height"] = session.height();
     value["fps"] = session.rate();
     value["seconds"] = session.seconds();
+    value["stopped"] = session.is_stopped();
     return value;
 }
 
@@ -166,7 +176,9 @@ void print_json(FILE* results, const StreamSession& session)
 
 void print_result(FILE* results, const StreamSession& session)
 {
-    std::fprintf(results, "%s, %.1f s, result %d\n", describe(session).c_str(), session.seconds(), session.result());
+    const char* end = session.is_stopped() ? "stopped" : "ended";
+    std::fprintf(results, "%s, %.1f s, %s, result %d%s\n", describe(session).c_str(), session.seconds(), end,
+                 session.result(), is_stop_reported_as_failure(session) ? " (its platform's word for a stop)" : "");
 }
 
 void explain_failure(const StreamSession& session, const std::string& log_level)
@@ -175,6 +187,10 @@ void explain_failure(const StreamSession& session, const std::string& log_level)
     if (!session.exception().empty()) {
         std::fprintf(stderr, "velstream: stream %s cannot be read from the configuration: %s\n", id,
                      session.exception().c_str());
+        return;
+    }
+    if (session.is_stopped()) {
+        std::fprintf(stderr, "velstream: stream %s was stopped before its first frame.\n", id);
         return;
     }
     const char* cause =
@@ -186,13 +202,30 @@ void explain_failure(const StreamSession& session, const std::string& log_level)
                      static_cast<unsigned long long>(session.frames()), cause);
 }
 
-void check_ids(const RunOptions& options)
+/// What the run needs to know of each id. @throws UserError for one that cannot be started
+std::vector<StreamEntry> startable_streams(const RunOptions& options)
 {
     const std::vector<StreamEntry> streams = read_streams(options.config);
     std::set<std::string> seen;
+    std::vector<StreamEntry> chosen;
     for (const std::string& id : options.ids) {
         if (!seen.insert(id).second) throw UserError("Stream " + id + " is named twice.");
-        find_startable(streams, id, options.config);
+        const StreamEntry& stream = find_stream(streams, id, options.config);
+        refuse_errors(check_stream(stream, build_platform()));
+        if (kind_of(stream) == StreamKind::Splice)
+            throw UserError("Stream " + id + " decodes what an application pushes: \"velstream splice\" serves it.");
+        chosen.push_back(stream);
+    }
+    return chosen;
+}
+
+/// @throws UserError when a pipeline could not even be built
+void refuse_missing_elements(const std::vector<StreamEntry>& streams)
+{
+    for (const StreamEntry& stream : streams) {
+        for (const std::string& name : missing_elements(needed_elements(stream, build_platform())))
+            throw UserError("Stream " + stream.id + " needs the element " + name + ", which is missing" +
+                            package_hint(name) + ".");
     }
 }
 
@@ -200,7 +233,7 @@ void check_ids(const RunOptions& options)
 
 int run_streams(const RunOptions& options)
 {
-    check_ids(options);
+    const std::vector<StreamEntry> streams = startable_streams(options);
     if (!options.snapshot_folder.empty()) prepare_snapshot_folder(options.snapshot_folder);
 
     FILE* results = take_standard_output();
@@ -210,10 +243,14 @@ int run_streams(const RunOptions& options)
     set_configuration(options.config);
     apply_log_level(options.log_level);
     choose_elements(options.elements);
+    refuse_missing_elements(streams);
 
     Sessions sessions;
-    for (const std::string& id : options.ids)
-        sessions.push_back(std::make_unique<StreamSession>(id, options.frames, options.snapshot_folder, waker));
+    for (const StreamEntry& stream : streams) {
+        const bool has_callback = kind_of(stream) != StreamKind::Rolling;
+        sessions.push_back(
+            std::make_unique<StreamSession>(stream.id, has_callback, options.frames, options.snapshot_folder, waker));
+    }
     for (const auto& session : sessions)
         session->start();
     wait_for_end(sessions, options, signals, waker);

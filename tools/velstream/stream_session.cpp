@@ -29,8 +29,9 @@ void Waker::wait_for(std::chrono::milliseconds time)
     is_woken_ = false;
 }
 
-StreamSession::StreamSession(std::string id, uint64_t frame_limit, const std::string& snapshot_folder, Waker& waker)
-    : id_(std::move(id)), frame_limit_(frame_limit), waker_(waker), start_(Clock::now())
+StreamSession::StreamSession(std::string id, bool has_callback, uint64_t frame_limit,
+                             const std::string& snapshot_folder, Waker& waker)
+    : id_(std::move(id)), has_callback_(has_callback), frame_limit_(frame_limit), waker_(waker), start_(Clock::now())
 {
     if (!snapshot_folder.empty()) snapshots_.emplace(snapshot_folder, id_);
 }

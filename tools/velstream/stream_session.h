@@ -30,8 +30,10 @@ private:
 
 class StreamSession {
 public:
-    /// @param frame_limit  frames after which is_satisfied(); 0 for none. Later frames are not counted.
-    StreamSession(std::string id, uint64_t frame_limit, const std::string& snapshot_folder, Waker& waker);
+    /// @param has_callback  false for a recording, which delivers no frames.
+    /// @param frame_limit   frames after which is_satisfied(); 0 for none. Later frames are not counted.
+    StreamSession(std::string id, bool has_callback, uint64_t frame_limit, const std::string& snapshot_folder,
+                  Waker& waker);
     ~StreamSession();
     StreamSession(const StreamSession&) = delete;
     StreamSession& operator=(const StreamSession&) = delete;
@@ -43,6 +45,7 @@ public:
     void join();
 
     const std::string& id() const { return id_; }
+    bool has_callback() const { return has_callback_; }
     bool is_ended() const { return is_ended_; }
     bool is_satisfied() const { return frame_limit_ > 0 && frames_ >= frame_limit_; }
     uint64_t frames() const { return frames_; }
@@ -68,6 +71,7 @@ private:
     int8_t take(const Quorvis::VelStream::Image& image);
 
     std::string id_;
+    bool has_callback_;
     uint64_t frame_limit_;
     Waker& waker_;
     std::optional<Snapshots> snapshots_; // frames come from the streaming thread alone
