@@ -175,6 +175,17 @@ int start_stream_input_rtsp(std::string input_addr, std::function<int8_t(const I
 /// The same from an RTMP source; `input_addr` is its URL.
 int start_stream_input_rtmp(std::string input_addr, std::function<int8_t(const Image&)> callback, StreamType type,
                             std::string output_addr, int width, int height, std::string stream_id);
+/**
+ * Starts a stream from a USB camera and blocks until it ends.
+ * @param ins        of it: `inputAddr`, the device node; `width` and `height`, a size that the camera offers as JPEG;
+ *                   `outputAddr`, push URL or output file path, for the types that have one.
+ * @param callback   called with every frame.
+ * @param type       where the frames go beside the callback.
+ * @param stream_id  names the pipeline; "empty" takes a fallback name.
+ * @return 0 ended normally; -1 not built, not supported, or ended with a failure, which an unplugged camera is.
+ */
+int start_stream_input_usbcam(StreamIns& ins, std::function<int8_t(const Image&)> callback, StreamType type,
+                              std::string stream_id);
 
 /**
  * Starts a decoder for H.265 access units that the application pushes, and returns once its pipeline plays or has

@@ -3,11 +3,10 @@
 #include "ElementTools.h"
 #include "Log.h"
 #include "Platform.h"
+#include "ProcessEnvironment.h"
 #include "StreamBuildRegistry.h"
 #include "StreamBuildScope.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
 
 namespace Quorvis::VelStream {
@@ -18,26 +17,12 @@ int32_t g_buffer_count = 4;
 
 namespace {
 
-/// Writes only what differs: other streams' threads may be reading the environment.
-void set_environment(const char* name, const char* value)
-{
-    const char* current = std::getenv(name);
-    if (!current || std::strcmp(current, value) != 0) setenv(name, value, 1);
-}
-
-void unset_environment(const char* name)
-{
-    if (std::getenv(name)) unsetenv(name);
-}
-
 void set_platform_environment()
 {
     // Several streams may start at once.
-    static std::mutex mutex;
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(environment_mutex());
     if (platform() == "v4l2") {
-        set_environment("WAYLAND_DISPLAY", "wayland-1");
-        set_environment("XDG_RUNTIME_DIR", "/dev/socket/weston");
+        set_wayland_environment();
     } else if (platform() == "6490") {
         const char* plugins = "/opt/ubun20/usr/lib/aarch64-linux-gnu/gstreamer-1.0:"
                               "/usr/lib/aarch64-linux-gnu/gstreamer-1.0";

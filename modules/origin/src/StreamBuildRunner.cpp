@@ -2,6 +2,7 @@
 #include "Log.h"
 #include "Platform.h"
 #include "StreamBuild.h"
+#include "StreamBuildMessages.h"
 #include "StreamBuildScope.h"
 #include "StreamCommon.h"
 
@@ -15,30 +16,6 @@ namespace {
 constexpr int kAttempts = 5;
 constexpr GstClockTime kUb2404Slice = 200 * GST_MSECOND;
 constexpr std::chrono::milliseconds kPauseAfterRebuild{200};
-
-/// Error text and debugging information of a message.
-struct ErrorReport {
-    explicit ErrorReport(GstMessage* message)
-    {
-        GError* raw_error = nullptr;
-        char* raw_debug = nullptr;
-        gst_message_parse_error(message, &raw_error, &raw_debug);
-        error_.reset(raw_error);
-        debug_.reset(raw_debug);
-    }
-    const char* text() const { return error_ ? error_->message : "none"; }
-    const char* debug() const { return debug_ ? debug_.get() : "none"; }
-
-private:
-    ErrorPtr error_;
-    TextPtr debug_;
-};
-
-const char* source_name(GstMessage* message)
-{
-    const GstObject* source = GST_MESSAGE_SRC(message);
-    return source && GST_OBJECT_NAME(source) ? GST_OBJECT_NAME(source) : "unknown";
-}
 
 /// What a runner does after a message.
 struct Outcome {

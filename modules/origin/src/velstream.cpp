@@ -3,6 +3,7 @@
 #include "ConfigurationFile.h"
 #include "Log.h"
 #include "StreamBuild.h"
+#include "StreamBuildUsb.h"
 #include "StreamCommon.h"
 
 #include <exception>
@@ -136,7 +137,7 @@ std::optional<int> start_special_stream(const StreamIns& ins, const std::string&
     return std::nullopt;
 }
 
-int start_ordinary_stream(const StreamIns& ins, const std::string& stream_id,
+int start_ordinary_stream(StreamIns& ins, const std::string& stream_id,
                           const std::function<int8_t(const Image&)>& callback)
 {
     const StreamType type = stream_type(ins.outputType);
@@ -150,7 +151,7 @@ int start_ordinary_stream(const StreamIns& ins, const std::string& stream_id,
         return start_stream_input_rtsp(ins.inputAddr, callback, type, ins.outputAddr, ins.width, ins.height, stream_id);
     if (ins.inputType == "rtmp")
         return start_stream_input_rtmp(ins.inputAddr, callback, type, ins.outputAddr, ins.width, ins.height, stream_id);
-    if (ins.inputType == "usbcam") return refuse_kind("usbcam", stream_id);
+    if (ins.inputType == "usbcam") return start_stream_input_usbcam(ins, callback, type, stream_id);
     return -1;
 }
 
@@ -305,6 +306,39 @@ int start_stream_input_rtmp(std::string input_addr, std::function<int8_t(const I
         return -1;
     }
     return run_ordinary_stream(input, output, stream_id, fallback, callback);
+}
+
+int start_stream_input_usbcam(StreamIns& ins, std::function<int8_t(const Image&)> callback, StreamType type,
+                              std::string stream_id)
+{
+    StreamProperty property;
+    sync_data(ins, property);
+    StreamOutput* output = nullptr;
+    switch (type) { // the texts are the RTSP input's
+    case STREAM_TYPE_NONE:
+        VEL_LOG_INFO("RTSP - Doesn't display stream(autosink).");
+        break;
+    case STREAM_TYPE_WAYLAND:
+        VEL_LOG_INFO("RTSP - To display stream via waylandsink. ");
+        output = new StreamOutputWaylandsink(0, 0, ins.width, ins.height);
+        break;
+    case STREAM_TYPE_RTSP:
+        VEL_LOG_INFO("RTSP - To display stream via rtsp. ");
+        output = new StreamOutputRtspsink(ins.outputAddr); // its size comes from the stream
+        break;
+    case STREAM_TYPE_MP4:
+        VEL_LOG_INFO("RTSP - To save mp4.");
+        output = new StreamOutputMp4sink(ins.outputAddr, ins.width, ins.height);
+        break;
+    default:
+        VEL_LOG_ERROR("Output stream type is not supported. Exit.");
+        return -1;
+    }
+    if (output) {
+        keep_builder(output);
+        output->set_stream_id(stream_id);
+    }
+    return startUsbStream(property, output, stream_id == "empty" ? "velstream_usb" : stream_id, callback);
 }
 
 void gstreamer_pipeline_shutdown(std::string stream_id)
