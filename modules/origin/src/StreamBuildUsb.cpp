@@ -9,6 +9,7 @@
 #include "StreamBuildRegistry.h"
 #include "StreamBuildScope.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <utility>
@@ -16,6 +17,9 @@
 namespace Quorvis::VelStream {
 
 namespace {
+
+constexpr const char* kSourceName = "queue_input_src"; // kept: the name of a queue
+constexpr GstClockTime kSlice = 100 * GST_MSECOND;
 
 /// Every start puts the system's folder in front once more; the variable grows with each.
 void extend_library_path()
@@ -49,7 +53,7 @@ struct UsbElements {
         set_property(source.get(), "device", property.inputAddr);
     }
 
-    ElementPtr source = make_element("v4l2src", "queue_input_src");
+    ElementPtr source = make_element("v4l2src", kSourceName);
     ElementPtr decoder = make_element("jpegdec", "usb_jpegdec");
     ElementPtr to_rgb = make_element("videoconvert", "usb_videoconvert");
     ElementPtr rgb; ///< carries the tap on its "src" pad
@@ -83,11 +87,31 @@ bool assemble_usb(PiplineData* data, GstElement* output, const StreamProperty& p
     return true;
 }
 
+bool has_streamed(GstMessage* message)
+{
+    GstObject* source = GST_MESSAGE_SRC(message);
+    GstState state = GST_STATE_NULL;
+    if (!source || g_strcmp0(GST_OBJECT_NAME(source), kSourceName) != 0) return false;
+    gst_element_get_state(GST_ELEMENT(source), &state, nullptr, 0);
+    return state == GST_STATE_PLAYING;
+}
+
+/// A source that fails ends its stream: the end travels behind the last frame, and what records them needs it for its
+/// index. It is given the bound that a stop has.
+void let_output_finish(RunScope& scope)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kEndOfStreamBound;
+    while (!scope.run().is_stopped() && std::chrono::steady_clock::now() < deadline) {
+        if (MessagePtr(gst_bus_timed_pop_filtered(scope.data()->bus, kSlice, GST_MESSAGE_EOS))) return;
+    }
+}
+
 int fail_usb(RunScope& scope, GstMessage* message)
 {
     const ErrorReport report(message);
     VEL_LOG_ERROR("Error received from element %s: %s", source_name(message), report.text());
     VEL_LOG_ERROR("Debugging information: %s", report.debug());
+    if (has_streamed(message)) let_output_finish(scope);
     scope.release();
     VEL_LOG_ERROR("Pipeline failed.");
     return -1;

@@ -386,7 +386,7 @@ void Device::run()
         changed_.wait_until(lock, due, [this] { return !is_streaming_ || is_unplugged_; });
         if (!is_streaming_ || is_unplugged_) return;
         const int number = next_frame_++;
-        if (queued_.empty()) continue;
+        if (queued_.empty() || is_silent_) continue;
         lock.unlock();
         deliver(maker, number);
         lock.lock();

@@ -29,6 +29,7 @@ public:
     std::uint64_t delivered_frames() const { return delivered_; }
     bool is_unplugged() const { return is_unplugged_; }
     void unplug();
+    void fall_silent() { is_silent_ = true; }
 
     /// A new descriptor of this camera; -1 with errno.
     int open(int flags);
@@ -72,6 +73,7 @@ private:
     const int frames_ready_; ///< eventfd, counts `done_`
     const int memory_;       ///< memfd
     std::atomic<bool> is_unplugged_{false};
+    std::atomic<bool> is_silent_{false};
     std::atomic<bool> is_nonblocking_{false};
     std::atomic<std::uint64_t> delivered_{0};
 

@@ -156,8 +156,6 @@ mode_t mode_argument(int flags, va_list arguments)
 
 namespace peers::camera {
 
-#pragma GCC visibility push(default)
-
 void plug_in(const Spec& spec)
 {
     const std::lock_guard lock(::camera().mutex);
@@ -171,13 +169,17 @@ void unplug()
     if (::camera().plugged) ::camera().plugged->unplug();
 }
 
+void fall_silent()
+{
+    const std::lock_guard lock(::camera().mutex);
+    if (::camera().plugged) ::camera().plugged->fall_silent();
+}
+
 std::uint64_t delivered_frames()
 {
     const std::lock_guard lock(::camera().mutex);
     return ::camera().plugged ? ::camera().plugged->delivered_frames() : 0;
 }
-
-#pragma GCC visibility pop
 
 } // namespace peers::camera
 

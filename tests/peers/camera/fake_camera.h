@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#pragma GCC visibility push(default)
 namespace peers::camera {
 
 enum class Format { Jpeg, Yuyv };
@@ -33,6 +34,9 @@ void plug_in(const Spec& spec);
 /// Takes the camera away: whoever has it open gets ENODEV, and its node is gone.
 void unplug();
 
+/// The camera stays, and gives no more frames.
+void fall_silent();
+
 /// Frames that were handed to the program so far, since the camera was plugged in.
 std::uint64_t delivered_frames();
 
@@ -40,3 +44,4 @@ std::uint64_t delivered_frames();
 std::vector<std::uint8_t> frame(const Mode& mode, int number);
 
 } // namespace peers::camera
+#pragma GCC visibility pop
