@@ -36,19 +36,24 @@ void set_usb_environment()
     extend_library_path();
 }
 
-std::string with_size(const char* caps, const StreamProperty& property)
+ElementPtr make_rgb_filter(const StreamProperty& property)
 {
-    return std::string(caps) + ",width=" + std::to_string(property.width) +
-           ",height=" + std::to_string(property.height);
+    const TextPtr caps(g_strdup_printf("video/x-raw,format=RGB,width=%d,height=%d", property.width, property.height));
+    return make_capsfilter("qtivtransformInputCap", caps.get());
+}
+
+ElementPtr make_nv12_filter(const StreamProperty& property)
+{
+    const TextPtr caps(
+        g_strdup_printf("video/x-raw(memory:GBM),format=NV12,width=%d,height=%d", property.width, property.height));
+    return make_capsfilter("qtivtransformOutputCap", caps.get());
 }
 
 /// From the camera to the output. No caps between source and decoder: the camera's formats settle them, and the size
 /// that the RGB filter asks for travels up to the camera, since nothing before it scales.
 struct UsbElements {
     explicit UsbElements(const StreamProperty& property)
-        : rgb(make_capsfilter("qtivtransformInputCap", with_size("video/x-raw,format=RGB", property).c_str())),
-          nv12(make_capsfilter("qtivtransformOutputCap",
-                               with_size("video/x-raw(memory:GBM),format=NV12", property).c_str()))
+        : rgb(make_rgb_filter(property)), nv12(make_nv12_filter(property))
     {
         set_property(source.get(), "device", property.inputAddr);
     }
