@@ -82,6 +82,31 @@ void collect_sources(GstBin* bin, std::vector<ElementPtr>& sources)
     }
 }
 
+std::vector<PadPtr> source_pads_of(GstElement* element)
+{
+    std::vector<PadPtr> pads;
+    GST_OBJECT_LOCK(element);
+    for (const GList* pad = element->srcpads; pad; pad = pad->next)
+        pads.emplace_back(GST_PAD(gst_object_ref(pad->data)));
+    GST_OBJECT_UNLOCK(element);
+    return pads;
+}
+
+/// A source that is one element takes the event itself: its loop sends it behind the last data. A source that is a bin
+/// (an RTSP client) would hand it to elements that it releases at the same moment when it goes to NULL; there the event
+/// enters the pipeline behind the source's pads.
+void end_source(GstElement* source)
+{
+    if (!GST_IS_BIN(source)) {
+        GST_ELEMENT_GET_CLASS(source)->send_event(source, gst_event_new_eos());
+        return;
+    }
+    for (const PadPtr& pad : source_pads_of(source)) {
+        const PadPtr peer(gst_pad_get_peer(pad.get()));
+        if (peer) gst_pad_send_event(peer.get(), gst_event_new_eos());
+    }
+}
+
 void clear_pointers(GstElement* pipeline)
 {
     for (auto& [id, registered] : pipeline_map) {
@@ -199,11 +224,7 @@ void send_end_of_stream(GstElement* pipeline)
     collect_sources(GST_BIN(pipeline), sources);
     for (const ElementPtr& source : sources) {
         gst_element_call_async(
-            source.get(),
-            [](GstElement* element, gpointer) {
-                GST_ELEMENT_GET_CLASS(element)->send_event(element, gst_event_new_eos());
-            },
-            nullptr, nullptr);
+            source.get(), [](GstElement* element, gpointer) { end_source(element); }, nullptr, nullptr);
     }
 }
 

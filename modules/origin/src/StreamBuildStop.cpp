@@ -83,7 +83,7 @@ void handle_sigint(int)
     const ElementPtr pipeline = last_started_pipeline();
     if (!pipeline) return;
     VEL_LOG_INFO("Received SIGINT signal, will send EOS to pipeline.");
-    gst_element_send_event(pipeline.get(), gst_event_new_eos());
+    send_end_of_stream(pipeline.get());
     VEL_LOG_WARN("Sending EOS to pipeline completed.");
 }
 
