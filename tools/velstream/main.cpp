@@ -4,6 +4,7 @@
 #include "elements_command.h"
 #include "list_command.h"
 #include "run_command.h"
+#include "splice_command.h"
 #include "velstream.h"
 
 #include <CLI/CLI.hpp>
@@ -133,6 +134,29 @@ void add_elements(CLI::App& app, Action& action)
     elements->callback([=, &action] { action = [=] { return velstream::tool::show_elements(*choice, *is_json); }; });
 }
 
+void add_splice(CLI::App& app, Action& action)
+{
+    auto options = std::make_shared<velstream::tool::SpliceOptions>();
+    CLI::App* splice = app.add_subcommand("splice", "Push a file of raw H.265 into the splice decoder, unit by unit");
+    splice->add_option("FILE", options->file, "H.265 byte stream with start codes (Annex B)")->required();
+    splice->add_option("--fps", options->fps, "Pictures a second: the time stamps that the units are pushed with")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    splice
+        ->add_option("--snapshot", options->snapshot_folder,
+                     "Write PNG files of frames into this folder: the first, then every 30th, 100 at most")
+        ->type_name("FOLDER");
+    splice->add_flag("--json", options->is_json, "Print one JSON object at the end, and nothing else, on stdout");
+    add_elements_choice(*splice, options->elements);
+    splice->footer("Examples:\n"
+                   "  velstream splice camera.h265 --snapshot /tmp/pictures\n"
+                   "  velstream splice camera.h265 --fps 30 --json\n"
+                   "\n"
+                   "Exit status: 0 every unit was pushed and frames came out, 1 not so, 2 wrong usage or a file that\n"
+                   "cannot be read.");
+    splice->callback([options, &action] { action = [options] { return velstream::tool::splice_file(*options); }; });
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -146,6 +170,7 @@ int main(int argc, char** argv)
     add_list(app, action);
     add_check(app, action);
     add_elements(app, action);
+    add_splice(app, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

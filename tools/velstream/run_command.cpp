@@ -4,6 +4,7 @@
 #include "elements.h"
 #include "findings.h"
 #include "progress.h"
+#include "results.h"
 #include "stream_kind.h"
 #include "stream_session.h"
 #include "velstream.h"
@@ -49,16 +50,6 @@ void apply_log_level(const std::string& name)
                                                            {"error", GST_LOG_LEVEL_ERROR},
                                                            {"none", GST_LOG_LEVEL_NONE}};
     set_log_level(levels.at(name));
-}
-
-/// Standard output is for the results: whatever a library prints goes to standard error.
-FILE* take_standard_output()
-{
-    std::fflush(stdout);
-    const int results = dup(STDOUT_FILENO);
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    FILE* file = results >= 0 ? fdopen(results, "w") : nullptr;
-    return file ? file : stdout;
 }
 
 /// Waits for SIGINT and SIGTERM on a thread of its own; the second one ends the process.

@@ -1,0 +1,79 @@
+// The scan for NAL units against one that goes byte by byte: bytes a second on one long unit.
+#include "velstream.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <random>
+#include <vector>
+
+using namespace Quorvis::VelStream;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/// A picture's slice as an encoder writes it: no start code inside.
+Bytes long_unit(std::size_t size)
+{
+    std::mt19937 random(1);
+    Bytes bytes{0, 0, 0, 1, 0x02, 0x01};
+    while (bytes.size() < size) {
+        const auto byte = static_cast<std::uint8_t>(random());
+        const bool would_start = bytes[bytes.size() - 1] == 0 && bytes[bytes.size() - 2] == 0 && byte <= 3;
+        bytes.push_back(would_start ? 3 : byte);
+    }
+    return bytes;
+}
+
+/// The worst for a search for the byte 1.
+Bytes ones(std::size_t size)
+{
+    Bytes bytes(size, 1);
+    bytes[0] = bytes[1] = 0;
+    return bytes;
+}
+
+HevcAuInfo plain_scan(const std::uint8_t* data, std::size_t size)
+{
+    HevcAuInfo info{};
+    for (std::size_t i = 0; i + 4 < size;) {
+        std::size_t header = 0;
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
+            header = i + 3;
+        } else if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 0 && data[i + 3] == 1) {
+            header = i + 4;
+        } else {
+            ++i;
+            continue;
+        }
+        if (header + 2 > size) break;
+        const unsigned type = (data[header] >> 1U) & 0x3FU;
+        info.has_vps |= type == 32;
+        info.has_sps |= type == 33;
+        info.has_pps |= type == 34;
+        info.has_vcl |= type < 32;
+        info.is_irap |= type >= 16 && type <= 21;
+        if (size <= header + 7) break;
+        i = header + 2;
+    }
+    return info;
+}
+
+template <HevcAuInfo (*Scan)(const unsigned char*, unsigned long), Bytes (*Make)(std::size_t)>
+void scan(benchmark::State& state)
+{
+    const Bytes bytes = Make(static_cast<std::size_t>(state.range(0)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Scan(bytes.data(), bytes.size()));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+BENCHMARK(scan<parse_hevc_au_info_splice, long_unit>)->Name("scan/long_unit")->Arg(10000)->Arg(200000)->Arg(4000000);
+BENCHMARK(scan<plain_scan, long_unit>)->Name("plain/long_unit")->Arg(10000)->Arg(200000)->Arg(4000000);
+BENCHMARK(scan<parse_hevc_au_info_splice, ones>)->Name("scan/ones")->Arg(200000);
+BENCHMARK(scan<plain_scan, ones>)->Name("plain/ones")->Arg(200000);
+
+} // namespace
+
+BENCHMARK_MAIN();
