@@ -42,7 +42,7 @@ TEST_F(Check, GoodStreamIsShownWithItsElements)
     const Output output = check();
     EXPECT_EQ(output.status, 0) << stderr_text();
     EXPECT_EQ(output.text, "s: file -> callback; platform elements: v4l2h265dec qtivtransform\n"
-                           "1 streams for the ub2404 build: 0 errors, 0 warnings\n");
+                           "1 stream for the ub2404 build: 0 errors, 0 warnings\n");
     EXPECT_EQ(stderr_text(), "");
 }
 
@@ -64,7 +64,7 @@ TEST_F(Check, ValuesOutsideTheSchemaAreNamedWithTheirPlace)
         EXPECT_EQ(output.status, 1);
         const std::string expected = finding(2, "error", one.finding);
         EXPECT_EQ(output.text.substr(0, expected.size()), expected) << output.text;
-        EXPECT_NE(output.text.find(": 1 errors, 0 warnings\n"), std::string::npos) << output.text;
+        EXPECT_NE(output.text.find(": 1 error, 0 warnings\n"), std::string::npos) << output.text;
     }
 }
 
@@ -113,7 +113,7 @@ TEST_F(Check, StreamsThatCannotStartAreNamed)
         EXPECT_EQ(output.status, 1) << one.properties;
         EXPECT_NE(output.text.find(": error: stream s: $.streams[0]" + one.finding + "\n"), std::string::npos)
             << one.properties << " gave " << output.text;
-        EXPECT_NE(output.text.find(": 1 errors, 0 warnings\n"), std::string::npos) << output.text;
+        EXPECT_NE(output.text.find(": 1 error, 0 warnings\n"), std::string::npos) << output.text;
     }
 }
 

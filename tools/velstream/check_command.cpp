@@ -34,6 +34,11 @@ std::string joined(const std::vector<std::string>& names)
     return text;
 }
 
+std::string counted(std::size_t number, const char* what)
+{
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
 void add_missing_elements(const StreamEntry& stream, Findings& findings)
 {
     const std::string path = "$.streams[" + std::to_string(stream.index) + "]";
@@ -106,15 +111,15 @@ int check_configuration(const CheckOptions& options)
     const Configuration configuration = read_configuration(options.config);
     choose_elements(options.elements);
     const Report report = examine(configuration);
-    const auto errors = std::count_if(report.findings.begin(), report.findings.end(),
-                                      [](const Finding& finding) { return finding.is_error; });
-    const auto warnings = static_cast<std::ptrdiff_t>(report.findings.size()) - errors;
+    const auto errors = static_cast<std::size_t>(std::count_if(
+        report.findings.begin(), report.findings.end(), [](const Finding& finding) { return finding.is_error; }));
+    const std::size_t warnings = report.findings.size() - errors;
     if (options.is_json)
         print_json(report);
     else {
         print_text(report);
-        std::printf("%zu streams for the %s build: %td errors, %td warnings\n", report.streams.size(),
-                    build_platform().c_str(), errors, warnings);
+        std::printf("%s for the %s build: %s, %s\n", counted(report.streams.size(), "stream").c_str(),
+                    build_platform().c_str(), counted(errors, "error").c_str(), counted(warnings, "warning").c_str());
     }
     return errors > 0 || (options.is_strict && warnings > 0) ? 1 : 0;
 }
