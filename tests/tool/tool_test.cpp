@@ -135,7 +135,9 @@ TEST_F(Tool, BrokenInputFailsWithItsCauseInTheLog)
     write_clip();
     std::ofstream(clip()) << "no video at all";
     EXPECT_EQ(run_software("run clip").status, 1);
-    EXPECT_NE(stderr_text().find("velstream: stream clip failed before its first frame"), std::string::npos);
+    EXPECT_NE(stderr_text().find("velstream: stream clip failed before its first frame: qtdemux"), std::string::npos)
+        << stderr_text();
+    EXPECT_NE(stderr_text().find(": This file is invalid and cannot be played.\n"), std::string::npos) << stderr_text();
     EXPECT_NE(stderr_text().find("start_ub2404: ERROR from"), std::string::npos);
 }
 
@@ -195,6 +197,22 @@ TEST_F(Tool, PropertyOfAWrongTypeIsOneSentence)
         << stderr_text();
 }
 
+TEST_F(Tool, EachStreamIsToldItsOwnCause)
+{
+    write_clip(20,
+               R"(,{"streamsId": "camera", "properties": {"inputType": "rtsp", "inputAddr": "rtsp://127.0.0.1:1/x"}},
+                      {"streamsId": "usb", "properties": {"inputType": "usbcam", "inputAddr": "/dev/nonexistent",
+                                                          "width": 640, "height": 480}})");
+    const Output output = run_software("run camera usb clip --log-level none");
+    EXPECT_EQ(output.status, 1);
+    const std::vector<std::string> lines = lines_of(stderr_text());
+    ASSERT_EQ(lines.size(), 2U) << stderr_text();
+    EXPECT_EQ(lines[0].rfind("velstream: stream camera failed before its first frame: ", 0), 0U) << lines[0];
+    EXPECT_EQ(lines[1], "velstream: stream usb failed before its first frame: queue_input_src: Cannot identify device "
+                        "'/dev/nonexistent'.");
+    EXPECT_NE(output.text.find("clip: 20 frames, 642x362"), std::string::npos) << output.text;
+}
+
 TEST_F(Tool, FailureAfterFramesIsToldWithTheirNumber)
 {
     write_clip();
@@ -202,7 +220,8 @@ TEST_F(Tool, FailureAfterFramesIsToldWithTheirNumber)
     EXPECT_EQ(output.status, 1);
     EXPECT_NE(output.text.find("result -1"), std::string::npos) << output.text;
     EXPECT_EQ(stderr_text().rfind("velstream: stream full ended with a failure after ", 0), 0U) << stderr_text();
-    EXPECT_NE(stderr_text().find(" frames; --log-level error shows the cause.\n"), std::string::npos) << stderr_text();
+    EXPECT_NE(stderr_text().find(" frames: filesink"), std::string::npos) << stderr_text();
+    EXPECT_EQ(lines_of(stderr_text()).size(), 1U) << stderr_text();
 }
 
 TEST_F(Tool, StreamForPushedAccessUnitsNamesItsCommand)
@@ -238,4 +257,40 @@ TEST_F(Tool, WrongUsageIsStatusTwo)
     EXPECT_EQ(run_command(std::string(TOOL_PATH) + " run 2>/dev/null").status, 2);
     EXPECT_EQ(run_command(std::string(TOOL_PATH) + " run x --elements none 2>/dev/null").status, 2);
     EXPECT_EQ(run_command(std::string(TOOL_PATH) + " --version").text, "velstream 1.0.0\n");
+}
+
+namespace {
+
+/// The tool with the library of a platform that reports every end of stream as -1.
+class ToolOf6490 : public Tool {
+protected:
+    void SetUp() override
+    {
+        Tool::SetUp();
+        std::filesystem::create_symlink(LIBRARY_OF_6490, folder_ / "libvelstream-gst.so.1");
+        setenv("LD_LIBRARY_PATH", folder_.c_str(), 1);
+    }
+};
+
+} // namespace
+
+TEST_F(ToolOf6490, FailureThatIsTheWordForAStopIsSaidAndEndsWell)
+{
+    write_clip(600);
+    const Output output = run_software("run clip --frames 7 --log-level none");
+    EXPECT_EQ(output.status, 0) << stderr_text();
+    EXPECT_NE(output.text.find("clip: 7 frames, 642x362, "), std::string::npos) << output.text;
+    EXPECT_NE(output.text.find(" s, stopped, result -1 (its platform's word for a stop)\n"), std::string::npos)
+        << output.text;
+    EXPECT_EQ(stderr_text(), "");
+}
+
+TEST_F(ToolOf6490, EndThatNobodyAskedForIsAFailure)
+{
+    write_clip();
+    const Output output = run_software("run clip --log-level none");
+    EXPECT_EQ(output.status, 1);
+    EXPECT_NE(output.text.find(" s, ended, result -1\n"), std::string::npos) << output.text;
+    EXPECT_EQ(stderr_text(), "velstream: stream clip ended with a failure after 20 frames; --log-level error shows the "
+                             "cause.\n");
 }

@@ -5,6 +5,7 @@
 #include "findings.h"
 #include "progress.h"
 #include "results.h"
+#include "stream_errors.h"
 #include "stream_kind.h"
 #include "stream_session.h"
 #include "velstream.h"
@@ -172,6 +173,14 @@ void print_result(FILE* results, const StreamSession& session)
                  session.result(), is_stop_reported_as_failure(session) ? " (its platform's word for a stop)" : "");
 }
 
+/// What an element reported, or where to look when none did: the pipeline may not even have been built.
+std::string cause_of_failure(const StreamSession& session, const std::string& log_level)
+{
+    const std::string error = stream_error(session.id());
+    if (!error.empty()) return ": " + error;
+    return log_level == "none" ? "; --log-level error shows the cause" : "; the log lines above name the cause";
+}
+
 void explain_failure(const StreamSession& session, const std::string& log_level)
 {
     const char* id = session.id().c_str();
@@ -184,13 +193,12 @@ void explain_failure(const StreamSession& session, const std::string& log_level)
         std::fprintf(stderr, "velstream: stream %s was stopped before its first frame.\n", id);
         return;
     }
-    const char* cause =
-        log_level == "none" ? "--log-level error shows the cause" : "the log lines above name the cause";
+    const std::string cause = cause_of_failure(session, log_level);
     if (session.frames() == 0)
-        std::fprintf(stderr, "velstream: stream %s failed before its first frame; %s.\n", id, cause);
+        std::fprintf(stderr, "velstream: stream %s failed before its first frame%s.\n", id, cause.c_str());
     else
-        std::fprintf(stderr, "velstream: stream %s ended with a failure after %llu frames; %s.\n", id,
-                     static_cast<unsigned long long>(session.frames()), cause);
+        std::fprintf(stderr, "velstream: stream %s ended with a failure after %llu frames%s.\n", id,
+                     static_cast<unsigned long long>(session.frames()), cause.c_str());
 }
 
 /// What the run needs to know of each id. @throws UserError for one that cannot be started
@@ -235,6 +243,7 @@ int run_streams(const RunOptions& options)
     apply_log_level(options.log_level);
     choose_elements(options.elements);
     refuse_missing_elements(streams);
+    watch_stream_errors();
 
     Sessions sessions;
     for (const StreamEntry& stream : streams) {

@@ -1,0 +1,103 @@
+#include "stream_errors.h"
+
+#include <gst/gst.h>
+#include <gst/gsttracer.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace velstream::tool {
+
+namespace {
+
+/// The runners own the buses, so the messages are seen on their way to them.
+constexpr const char* kHook = "element-post-message-pre";
+
+using Clock = std::chrono::steady_clock;
+
+/// One trouble makes several elements report, and the first one knows the cause.
+constexpr std::chrono::seconds kBurst{1};
+
+// Written by whatever thread posts, read at a stream's end; they live as long as the process, as the hook does.
+std::mutex& errors_mutex()
+{
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+
+struct StreamError {
+    std::string text;
+    Clock::time_point last; ///< when the last error of its burst came
+};
+
+std::map<std::string, StreamError>& errors()
+{
+    static auto* errors = new std::map<std::string, StreamError>;
+    return *errors;
+}
+
+struct Unref {
+    void operator()(void* object) const { gst_object_unref(object); }
+};
+using ObjectPtr = std::unique_ptr<GstObject, Unref>;
+
+std::string name_of(GstObject* object)
+{
+    const std::unique_ptr<char, decltype(&g_free)> name(gst_object_get_name(object), g_free);
+    return name ? name.get() : "";
+}
+
+/// The pipeline is the outermost parent, and is named after its stream.
+std::string pipeline_name(GstObject* source)
+{
+    ObjectPtr object(GST_OBJECT(gst_object_ref(source)));
+    while (ObjectPtr parent{gst_object_get_parent(object.get())})
+        object = std::move(parent);
+    return name_of(object.get());
+}
+
+std::string error_text(GstMessage* message)
+{
+    GError* error = nullptr;
+    gst_message_parse_error(message, &error, nullptr);
+    std::string text = error ? error->message : "unknown error";
+    g_clear_error(&error);
+    while (!text.empty() && (text.back() == '.' || text.back() == '\n'))
+        text.pop_back();
+    return text;
+}
+
+void on_message(GObject*, GstClockTime, GstElement*, GstMessage* message)
+{
+    if (!message || GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR || !GST_MESSAGE_SRC(message)) return;
+    const std::string text = name_of(GST_MESSAGE_SRC(message)) + ": " + error_text(message);
+    const std::string stream = pipeline_name(GST_MESSAGE_SRC(message));
+    const std::lock_guard lock(errors_mutex());
+    StreamError& error = errors()[stream];
+    const auto now = Clock::now();
+    if (error.text.empty() || now - error.last > kBurst) error.text = text;
+    error.last = now;
+}
+
+} // namespace
+
+void watch_stream_errors()
+{
+    static const GType type =
+        g_type_register_static_simple(GST_TYPE_TRACER, "VelstreamErrorTracer", sizeof(GstTracerClass), nullptr,
+                                      sizeof(GstTracer), nullptr, GTypeFlags(0));
+    static GstTracer* tracer = GST_TRACER(g_object_new(type, nullptr)); // as long as the process
+    gst_tracing_register_hook(tracer, kHook, G_CALLBACK(on_message));
+}
+
+std::string stream_error(const std::string& stream_id)
+{
+    const std::lock_guard lock(errors_mutex());
+    const auto found = errors().find(stream_id);
+    return found == errors().end() ? "" : found->second.text;
+}
+
+} // namespace velstream::tool
