@@ -9,6 +9,8 @@ namespace velstream::software {
 gboolean register_vtransform(GstPlugin* plugin);
 /// "qtivsplit".
 gboolean register_split(GstPlugin* plugin);
+/// "qtivcomposer".
+gboolean register_composer(GstPlugin* plugin);
 /// "qtivdec", "qtic2vdec", "v4l2h264dec", "v4l2h265dec".
 gboolean register_decoders(GstPlugin* plugin);
 /// "qtic2venc", "v4l2h264enc", "v4l2h265enc".
