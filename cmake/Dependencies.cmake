@@ -4,6 +4,7 @@ find_package(Threads REQUIRED)
 pkg_check_modules(GSTREAMER REQUIRED IMPORTED_TARGET
   gstreamer-1.0>=1.22 gstreamer-base-1.0 gstreamer-video-1.0 gstreamer-app-1.0)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
+pkg_check_modules(PANGOCAIRO REQUIRED IMPORTED_TARGET pangocairo cairo-png)
 find_package(spdlog REQUIRED)
 
 # libyuv ships no pkg-config file.

@@ -11,6 +11,8 @@ gboolean register_vtransform(GstPlugin* plugin);
 gboolean register_split(GstPlugin* plugin);
 /// "qtivcomposer".
 gboolean register_composer(GstPlugin* plugin);
+/// "qtivoverlay".
+gboolean register_overlay(GstPlugin* plugin);
 /// "qtivdec", "qtic2vdec", "v4l2h264dec", "v4l2h265dec".
 gboolean register_decoders(GstPlugin* plugin);
 /// "qtic2venc", "v4l2h264enc", "v4l2h265enc".
