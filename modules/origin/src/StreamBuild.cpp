@@ -17,21 +17,25 @@ int32_t g_buffer_count = 4;
 
 namespace {
 
+void set_vendor_plugins()
+{
+    const char* plugins = "/opt/ubun20/usr/lib/aarch64-linux-gnu/gstreamer-1.0:"
+                          "/usr/lib/aarch64-linux-gnu/gstreamer-1.0";
+    set_environment("GST_PLUGIN_SYSTEM_PATH", plugins);
+    set_environment("GST_PLUGIN_PATH", plugins);
+    set_environment("GST_PLUGIN_SCANNER",
+                    "/opt/ubun20/usr/lib/aarch64-linux-gnu/gstreamer1.0/gstreamer-1.0/gst-plugin-scanner");
+    unset_environment("GST_REGISTRY");
+    unset_environment("GST_REGISTRY_1_0");
+}
+
 void set_platform_environment()
 {
-    // Several streams may start at once.
     const std::lock_guard lock(environment_mutex());
     if (platform() == "v4l2") {
         set_wayland_environment();
     } else if (platform() == "6490") {
-        const char* plugins = "/opt/ubun20/usr/lib/aarch64-linux-gnu/gstreamer-1.0:"
-                              "/usr/lib/aarch64-linux-gnu/gstreamer-1.0";
-        set_environment("GST_PLUGIN_SYSTEM_PATH", plugins);
-        set_environment("GST_PLUGIN_PATH", plugins);
-        set_environment("GST_PLUGIN_SCANNER",
-                        "/opt/ubun20/usr/lib/aarch64-linux-gnu/gstreamer1.0/gstreamer-1.0/gst-plugin-scanner");
-        unset_environment("GST_REGISTRY");
-        unset_environment("GST_REGISTRY_1_0");
+        set_vendor_plugins();
     }
 }
 
@@ -53,6 +57,13 @@ int run_on_platform(PiplineData* data, GstElement* input, GstElement* output)
 }
 
 } // namespace
+
+void set_vendor_plugin_environment()
+{
+    if (platform() != "6490") return;
+    const std::lock_guard lock(environment_mutex());
+    set_vendor_plugins();
+}
 
 int pipeline_data_init(PiplineData* data, std::string stream_id, std::function<int8_t(const Image&)>& callback)
 {

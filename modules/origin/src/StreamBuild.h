@@ -12,7 +12,8 @@
 
 namespace Quorvis::VelStream {
 
-// Process-wide state. One internal mutex guards `pipeline_map`, `pipeline_s` and `g_stream_id` inside the library.
+// Process-wide state. One internal mutex guards `pipeline_map`, `pipeline_s`, `g_fps` and `g_stream_id` inside the
+// library.
 
 /// Cleared by every stop and by SIGINT and never set again: ends the ub2404 bus loops and the re-encoders' push loops.
 extern std::atomic<bool> running;
@@ -22,11 +23,14 @@ extern std::map<std::string, GstElement*> pipeline_map;
 extern GstElement* pipeline_s;
 /// Id of the last constructed input builder: pad callbacks, which receive no builder, look the codec up by it.
 extern std::string g_stream_id;
-extern int32_t g_fps;          ///< 25.
-extern int32_t g_buffer_count; ///< 4.
+extern int32_t g_fps;          ///< Of the last re-encoder, frames a second; 25 at first.
+extern int32_t g_buffer_count; ///< Frames that wait for a re-encoder at most: 4.
 
 void note_stream_id(const std::string& stream_id);
 std::string noted_stream_id();
+
+/// On "6490", points GStreamer to the vendor's plug-ins; before gst_init().
+void set_vendor_plugin_environment();
 
 /**
  * Starts a record over: clock time, callback, stream id and frame index.

@@ -1,6 +1,10 @@
 #include "StreamBuildRegistry.h"
 
 #include "StreamBuild.h"
+#include "StreamBuildReencode.h"
+#include "velstreamFrames.h"
+
+#include <gst/app/gstappsrc.h>
 
 #include <algorithm>
 
@@ -8,6 +12,7 @@ namespace Quorvis::VelStream {
 
 std::map<std::string, GstElement*> pipeline_map;
 GstElement* pipeline_s = nullptr;
+GstElement* appsrc_s = nullptr;
 std::string g_stream_id;
 
 namespace {
@@ -94,9 +99,14 @@ std::vector<PadPtr> source_pads_of(GstElement* element)
 
 /// A source that is one element takes the event itself: its loop sends it behind the last data. A source that is a bin
 /// (an RTSP client) would hand it to elements that it releases at the same moment when it goes to NULL; there the event
-/// enters the pipeline behind the source's pads.
+/// enters the pipeline behind the source's pads. An application's source has a queue of its own, which the plain event
+/// would overtake.
 void end_source(GstElement* source)
 {
+    if (GST_IS_APP_SRC(source)) {
+        gst_app_src_end_of_stream(GST_APP_SRC(source));
+        return;
+    }
     if (!GST_IS_BIN(source)) {
         GST_ELEMENT_GET_CLASS(source)->send_event(source, gst_event_new_eos());
         return;
@@ -183,8 +193,13 @@ std::string noted_stream_id()
 
 void register_pipeline(const std::string& stream_id, GstElement* pipeline)
 {
+    register_pipeline(stream_id, pipeline, stream_id);
+}
+
+void register_pipeline(const std::string& registered_id, GstElement* pipeline, const std::string& stream_id)
+{
     const std::lock_guard lock(registry_mutex());
-    pipeline_map[stream_id] = pipeline;
+    pipeline_map[registered_id] = pipeline;
     open_run(stream_id, pipeline);
 }
 
@@ -216,6 +231,31 @@ void note_playing(GstElement* pipeline)
 {
     const std::lock_guard lock(registry_mutex());
     pipeline_s = pipeline;
+}
+
+int32_t choose_frame_rate(int32_t fps)
+{
+    const std::lock_guard lock(registry_mutex());
+    if (fps > 0) g_fps = fps;
+    return fps < 0 ? fps : g_fps;
+}
+
+void advance_buffer_index()
+{
+    const std::lock_guard lock(registry_mutex());
+    if (g_buffer_count > 0) buffer_index = (buffer_index + 1) % static_cast<uint64_t>(g_buffer_count);
+}
+
+SourceNote::SourceNote(GstElement* source) : source_(source)
+{
+    const std::lock_guard lock(registry_mutex());
+    appsrc_s = source_;
+}
+
+SourceNote::~SourceNote()
+{
+    const std::lock_guard lock(registry_mutex());
+    if (appsrc_s == source_) appsrc_s = nullptr;
 }
 
 void send_end_of_stream(GstElement* pipeline)

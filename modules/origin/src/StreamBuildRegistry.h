@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -48,6 +49,9 @@ private:
 /// Makes `pipeline` the one of this id and opens a run for it.
 void register_pipeline(const std::string& stream_id, GstElement* pipeline);
 
+/// The same under an id of its own, for a run that a stop of `stream_id` ends too.
+void register_pipeline(const std::string& registered_id, GstElement* pipeline, const std::string& stream_id);
+
 /// The run of a pipeline. One that nobody registered gets a run of its own under this id, so that a stop finds it.
 std::shared_ptr<StreamRun> run_of(const std::string& stream_id, GstElement* pipeline);
 
@@ -59,6 +63,24 @@ void replace_pipeline(const StreamRun* run, GstElement* pipeline);
 
 /// Notes the last pipeline that was set PLAYING.
 void note_playing(GstElement* pipeline);
+
+/// The frame rate of a re-encoder: that of its stream, which later ones without a rate take over, or the last one's.
+int32_t choose_frame_rate(int32_t fps);
+
+/// A re-encoder has pushed a frame.
+void advance_buffer_index();
+
+/// Makes an element the re-encoders' last source for the life of the object.
+class SourceNote {
+public:
+    explicit SourceNote(GstElement* source);
+    ~SourceNote();
+    SourceNote(const SourceNote&) = delete;
+    SourceNote& operator=(const SourceNote&) = delete;
+
+private:
+    GstElement* source_;
+};
 
 /// Sends the end of stream to the pipeline's sources, from threads of GStreamer's: the event travels with the data and
 /// waits behind a branch that does not move (a peer that went silent, a callback that is slow), and a stop must not

@@ -2,6 +2,7 @@
 
 #include "ElementTools.h"
 
+#include <future>
 #include <utility>
 
 namespace Quorvis::VelStream {
@@ -71,6 +72,24 @@ void RunScope::set_null()
 void RunScope::release()
 {
     release_pipeline(data_);
+}
+
+void RunScope::release_within(std::chrono::milliseconds bound)
+{
+    const BusPtr bus = take_bus(data_);
+    const ElementPtr pipeline(std::exchange(data_->pipeline, nullptr));
+    if (!pipeline) return;
+    forget_pipeline(pipeline.get());
+    using Done = std::shared_ptr<std::promise<void>>;
+    const Done done = std::make_shared<std::promise<void>>();
+    gst_element_call_async(
+        pipeline.get(),
+        [](GstElement* element, gpointer user_data) {
+            gst_element_set_state(element, GST_STATE_NULL);
+            (*static_cast<Done*>(user_data))->set_value();
+        },
+        new Done(done), [](gpointer user_data) { delete static_cast<Done*>(user_data); });
+    done->get_future().wait_for(bound);
 }
 
 void clear_pipeline(GstElement* pipeline)

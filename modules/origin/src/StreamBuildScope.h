@@ -5,6 +5,7 @@
 #include "StreamBuildRegistry.h"
 #include "StreamRecords.h"
 
+#include <chrono>
 #include <memory>
 
 namespace Quorvis::VelStream {
@@ -36,6 +37,10 @@ public:
 
     /// Sets the pipeline to NULL and releases it and its bus.
     void release();
+
+    /// The same, and leaves a pipeline that does not come down in this time to a thread of GStreamer's: a sink whose
+    /// server has gone silent waits for its answer. Only for pipelines that nothing of the caller's is attached to.
+    void release_within(std::chrono::milliseconds bound);
 
 private:
     PiplineData* data_;

@@ -116,19 +116,6 @@ public:
     CallbackMark& operator=(const CallbackMark&) = delete;
 };
 
-/// An exception must not travel through GStreamer: it ends the callback, not the stream.
-void invoke(const PiplineData* data)
-{
-    const CallbackMark mark;
-    try {
-        data->callback(data->image);
-    } catch (const std::exception& error) {
-        VEL_LOG_ERROR("Frame callback of stream %s raised an exception: %s", data->streamId.c_str(), error.what());
-    } catch (...) {
-        VEL_LOG_ERROR("Frame callback of stream %s raised an exception.", data->streamId.c_str());
-    }
-}
-
 template <TapKind kind>
 void fill_image(Image& image, const MappedBuffer& map)
 {
@@ -162,7 +149,7 @@ void deliver(PiplineData* data, GstBuffer* buffer)
         const MappedBuffer map(buffer, kFlags);
         if (map) {
             fill_image<kind>(image, map);
-            invoke(data);
+            invoke_callback(data->callback, image, data->streamId);
         }
     }
     image.data = nullptr;
@@ -205,6 +192,18 @@ GstPadProbeReturn tap_frame(GstPad* pad, GstPadProbeInfo* info, PiplineData* dat
 template GstPadProbeReturn tap_frame<TapKind::Plain>(GstPad*, GstPadProbeInfo*, PiplineData*);
 template GstPadProbeReturn tap_frame<TapKind::Camera>(GstPad*, GstPadProbeInfo*, PiplineData*);
 template GstPadProbeReturn tap_frame<TapKind::Recreated>(GstPad*, GstPadProbeInfo*, PiplineData*);
+
+void invoke_callback(const FrameCallback& callback, const Image& image, const std::string& stream_id)
+{
+    const CallbackMark mark;
+    try {
+        callback(image);
+    } catch (const std::exception& error) {
+        VEL_LOG_ERROR("Frame callback of stream %s raised an exception: %s", stream_id.c_str(), error.what());
+    } catch (...) {
+        VEL_LOG_ERROR("Frame callback of stream %s raised an exception.", stream_id.c_str());
+    }
+}
 
 bool is_in_frame_callback()
 {

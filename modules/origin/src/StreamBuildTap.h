@@ -3,6 +3,8 @@
 
 #include "StreamRecords.h"
 
+#include <string>
+
 namespace Quorvis::VelStream {
 
 /// The taps differ in their messages, in how they map the frame and in what they record of it.
@@ -19,6 +21,10 @@ GstPadProbeReturn tap_frame(GstPad* pad, GstPadProbeInfo* info, PiplineData* dat
 extern template GstPadProbeReturn tap_frame<TapKind::Plain>(GstPad*, GstPadProbeInfo*, PiplineData*);
 extern template GstPadProbeReturn tap_frame<TapKind::Camera>(GstPad*, GstPadProbeInfo*, PiplineData*);
 extern template GstPadProbeReturn tap_frame<TapKind::Recreated>(GstPad*, GstPadProbeInfo*, PiplineData*);
+
+/// Calls the application. An exception must not travel through GStreamer: it is logged and ends the callback, not the
+/// stream.
+void invoke_callback(const FrameCallback& callback, const Image& image, const std::string& stream_id);
 
 /// True on a thread that is inside an application's frame callback.
 bool is_in_frame_callback();

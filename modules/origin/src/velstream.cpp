@@ -3,8 +3,10 @@
 #include "ConfigurationFile.h"
 #include "Log.h"
 #include "StreamBuild.h"
+#include "StreamBuildReencode.h"
 #include "StreamBuildUsb.h"
 #include "StreamCommon.h"
+#include "velstreamFrames.h"
 
 #include <exception>
 #include <mutex>
@@ -116,24 +118,43 @@ int refuse_kind(const char* kind, const std::string& stream_id)
     return -1;
 }
 
+int start_mp4_output(StreamIns& ins, const std::string& stream_id, bool reads_file,
+                     std::function<int8_t(const Image&)>& callback)
+{
+    if (ins.width == 0 || ins.height == 0) {
+        VEL_LOG_ERROR("%s", kMissingParameter);
+        return -1;
+    }
+    init_share_mem_mp4(ins);
+    if (reads_file) return start_save_mp4(stream_id, callback);
+    StreamProperty property;
+    sync_data(ins, property);
+    return start_save_mp4_intern(property, callback);
+}
+
+int start_network_output(StreamIns& ins, bool reads_file, std::function<int8_t(const Image&)>& callback)
+{
+    if (ins.width == 0 || ins.height == 0 || ins.fps == 0) {
+        VEL_LOG_ERROR("%s", kMissingParameter);
+        return -1;
+    }
+    init_share_mem_mp4(ins);
+    if (reads_file) return start_network_push(ins.streamsId, callback);
+    StreamProperty property;
+    sync_data(ins, property);
+    return start_network_intern(property, callback);
+}
+
 /// Where the kinds of stream that have a pipeline of their own join, in the order in which they are asked for.
 /// @return their result; nothing for a stream of the ordinary path.
-std::optional<int> start_special_stream(const StreamIns& ins, const std::string& stream_id, bool reads_file,
+std::optional<int> start_special_stream(StreamIns& ins, const std::string& stream_id, bool reads_file,
                                         std::function<int8_t(const Image&)>& callback)
 {
     if (ins.inputType == "splice") return start_splice_stream(stream_id, callback);
     if (reads_file && ins.audio) return refuse_kind("audio", stream_id);
     if (reads_file && ins.rollingsave) return refuse_kind("rollingsave", stream_id);
-    if (ins.saveMp4) {
-        if (ins.width != 0 && ins.height != 0) return refuse_kind("saveMp4", stream_id);
-        VEL_LOG_ERROR("%s", kMissingParameter);
-        return -1;
-    }
-    if (ins.networkPush) {
-        if (ins.width != 0 && ins.height != 0 && ins.fps != 0) return refuse_kind("networkPush", stream_id);
-        VEL_LOG_ERROR("%s", kMissingParameter);
-        return -1;
-    }
+    if (ins.saveMp4) return start_mp4_output(ins, stream_id, reads_file, callback);
+    if (ins.networkPush) return start_network_output(ins, reads_file, callback);
     return std::nullopt;
 }
 
