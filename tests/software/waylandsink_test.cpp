@@ -160,6 +160,32 @@ TEST(WaylandSink, ThreadsThatMakeTheFirstSinksAllGetThePlatforms)
     EXPECT_EQ(platform_sinks, 8);
 }
 
+/// The first child's factory type; 0: there is none.
+GType inner_type(const ElementPtr& sink)
+{
+    return GST_IS_BIN(sink.get()) && GST_BIN_CHILDREN(sink.get()) ? G_OBJECT_TYPE(GST_BIN_CHILDREN(sink.get())->data)
+                                                                  : 0;
+}
+
+gboolean register_other_sink(GstPlugin* plugin)
+{
+    return gst_element_register(plugin, "waylandsink", GST_RANK_PRIMARY, G_OBJECT_TYPE(make("fakesink").get()));
+}
+
+TEST(WaylandSink, SinkOfAPluginThatComesLaterIsTheInnerOneFromThenOn)
+{
+    ask_for_software_platform();
+    ASSERT_TRUE(make("waylandsink"));
+    ASSERT_TRUE(gst_plugin_register_static(GST_VERSION_MAJOR, GST_VERSION_MINOR, "othersink", "Another sink",
+                                           register_other_sink, "1.0", "LGPL", "test", "test", "test"));
+    for (int i = 0; i < 2; ++i) {
+        const ElementPtr sink = make("waylandsink");
+        ASSERT_TRUE(sink);
+        EXPECT_TRUE(has_property(sink, "width"));
+        EXPECT_EQ(inner_type(sink), G_OBJECT_TYPE(make("fakesink").get()));
+    }
+}
+
 TEST(WaylandSink, GbmAndPlainCapsLink)
 {
     ask_for_software_platform();

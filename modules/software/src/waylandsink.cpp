@@ -28,7 +28,7 @@ constexpr const char* kSinkCaps = "video/x-raw, " VEL_WAYLAND_FORMATS "; video/x
 // ----------------------------------------------------------------------------------------------------
 
 struct StockSink {
-    std::mutex mutex;
+    std::mutex mutex; ///< guards what follows; never held across a call into GStreamer, which has locks of its own
     GstPluginFeature* known = nullptr;  ///< owned; as the registry listed it. Null: none is installed
     GstPluginFeature* loaded = nullptr; ///< owned; with its code in the process
 };
@@ -53,25 +53,54 @@ void register_platform_sink()
     gst_element_register(nullptr, kFactory, GST_RANK_NONE, platform_sink_type());
 }
 
-/// Loading the stock plug-in registers its element anew: keeps that one for the inside and takes the name back.
+/// Loading a plug-in registers its element anew: keeps that one for the inside and takes the name back.
 void take_name_back(GstRegistry*, GstPluginFeature* feature, gpointer)
 {
     if (g_strcmp0(GST_OBJECT_NAME(feature), kFactory) != 0 || is_platform_sink(feature)) return;
-    gst_object_replace(reinterpret_cast<GstObject**>(&stock_sink().loaded), GST_OBJECT(feature));
+    const GType type = GST_IS_ELEMENT_FACTORY(feature)
+                           ? gst_element_factory_get_element_type(GST_ELEMENT_FACTORY(feature))
+                           : G_TYPE_INVALID;
+    const bool has_code = type != G_TYPE_INVALID;
+    StockSink& stock = stock_sink();
+    {
+        const std::lock_guard lock(stock.mutex);
+        // One that a scan has found is loaded when it is needed.
+        gst_object_replace(reinterpret_cast<GstObject**>(&stock.loaded), has_code ? GST_OBJECT(feature) : nullptr);
+        if (!has_code) gst_object_replace(reinterpret_cast<GstObject**>(&stock.known), GST_OBJECT(feature));
+    }
     register_platform_sink();
+}
+
+PluginFeaturePtr loaded_sink()
+{
+    StockSink& stock = stock_sink();
+    const std::lock_guard lock(stock.mutex);
+    return PluginFeaturePtr(stock.loaded ? GST_PLUGIN_FEATURE(gst_object_ref(stock.loaded)) : nullptr);
+}
+
+/// Loading it registers it, which take_name_back() hears.
+void load_stock_sink()
+{
+    StockSink& stock = stock_sink();
+    PluginFeaturePtr known;
+    {
+        const std::lock_guard lock(stock.mutex);
+        if (stock.known) known.reset(GST_PLUGIN_FEATURE(gst_object_ref(stock.known)));
+    }
+    const gchar* name = known ? gst_plugin_feature_get_plugin_name(known.get()) : nullptr;
+    if (name) const PluginPtr plugin(gst_plugin_load_by_name(name));
 }
 
 /// Makes the stock element; empty where it is not installed or its plug-in does not load.
 ElementPtr make_stock_sink()
 {
-    StockSink& stock = stock_sink();
-    const std::lock_guard lock(stock.mutex);
-    if (!stock.known) return nullptr;
-    if (!stock.loaded) {
-        const PluginPtr plugin(gst_plugin_load_by_name(gst_plugin_feature_get_plugin_name(stock.known)));
+    PluginFeaturePtr stock = loaded_sink();
+    if (!stock) {
+        load_stock_sink();
+        stock = loaded_sink();
     }
-    if (!stock.loaded) return nullptr;
-    return own_element(gst_element_factory_create(GST_ELEMENT_FACTORY(stock.loaded), nullptr));
+    if (!stock) return nullptr;
+    return own_element(gst_element_factory_create(GST_ELEMENT_FACTORY(stock.get()), nullptr));
 }
 
 // ---- The element
