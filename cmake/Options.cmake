@@ -28,17 +28,31 @@ if(VELSTREAM_SOURCE_FROM_BUILD)
   add_compile_options(-fmacro-prefix-map=${VELSTREAM_SOURCE_FROM_BUILD}/=)
 endif()
 
+# velstream_link_into_executables(<source>): what a sanitizer must know of the libraries around, in every executable.
+macro(velstream_link_into_executables source)
+  add_library(sanitizer-support OBJECT ${CMAKE_SOURCE_DIR}/${source})
+  target_include_directories(sanitizer-support PRIVATE $<TARGET_PROPERTY:PkgConfig::GSTREAMER,INTERFACE_INCLUDE_DIRECTORIES>)
+  link_libraries($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:sanitizer-support>>)
+endmacro()
+
 if(VELSTREAM_SANITIZER STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
+  velstream_link_into_executables(tests/support/leak_check_startup.cpp)
 elseif(VELSTREAM_SANITIZER STREQUAL "thread")
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
   add_link_options(-fsanitize=thread)
+  velstream_link_into_executables(tests/support/thread_check_glib.cpp)
 elseif(VELSTREAM_SANITIZER STREQUAL "fuzzer")
   add_compile_options(-fsanitize=address,fuzzer-no-link -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address)
 elseif(VELSTREAM_SANITIZER)
   message(FATAL_ERROR "VELSTREAM_SANITIZER is '${VELSTREAM_SANITIZER}'; it must be empty, address, thread or fuzzer")
+endif()
+
+if(VELSTREAM_SANITIZER)
+  # The instrumentation hides initialisations from GCC: it then warns about the standard library's own headers.
+  add_compile_options(-Wno-maybe-uninitialized)
 endif()
 
 find_program(CCACHE ccache)

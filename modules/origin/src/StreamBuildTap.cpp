@@ -41,8 +41,11 @@ void read_caps(CapsReading& reading, GstCaps* caps)
                        gst_structure_get_int(structure, "height", &reading.height);
 }
 
-const CapsReading& reading_of(GstPad* pad, CapsPtr caps)
+/// What the pad's caps say, read anew when they change; null while it has none. It lives with the pad.
+const CapsReading* current_reading(GstPad* pad)
 {
+    CapsPtr caps(gst_pad_get_current_caps(pad));
+    if (!caps) return nullptr;
     auto* reading = static_cast<CapsReading*>(g_object_get_qdata(G_OBJECT(pad), reading_quark()));
     if (!reading) {
         reading = new CapsReading;
@@ -53,27 +56,26 @@ const CapsReading& reading_of(GstPad* pad, CapsPtr caps)
         read_caps(*reading, caps.get());
         reading->caps = std::move(caps);
     }
-    return *reading;
+    return reading;
 }
 
 void update_size(GstPad* pad, Image& image)
 {
-    CapsPtr caps(gst_pad_get_current_caps(pad));
-    if (!caps) {
+    const CapsReading* reading = current_reading(pad);
+    if (!reading) {
         VEL_LOG_INFO("No caps available on this pad.");
         return;
     }
-    const CapsReading& reading = reading_of(pad, std::move(caps));
-    if (reading.has_size) {
-        image.width = reading.width;
-        image.height = reading.height;
+    if (reading->has_size) {
+        image.width = reading->width;
+        image.height = reading->height;
         VEL_LOG_INFO("Get width: %d, height: %d", image.width, image.height);
-    } else if (reading.has_structure) {
+    } else if (reading->has_structure) {
         VEL_LOG_WARN("Width or Height not found.");
     } else {
         VEL_LOG_WARN("No structure found in caps.");
     }
-    VEL_LOG_INFO("Caps: %s", reading.text.get());
+    VEL_LOG_INFO("Caps: %s", reading->text.get());
     VEL_LOG_INFO("caps_str get and completed.");
 }
 
