@@ -31,7 +31,8 @@ endif()
 # velstream_link_into_executables(<source>): what a sanitizer must know of the libraries around, in every executable.
 macro(velstream_link_into_executables source)
   add_library(sanitizer-support OBJECT ${CMAKE_SOURCE_DIR}/${source})
-  target_include_directories(sanitizer-support PRIVATE $<TARGET_PROPERTY:PkgConfig::GSTREAMER,INTERFACE_INCLUDE_DIRECTORIES>)
+  target_include_directories(sanitizer-support PRIVATE
+    $<TARGET_PROPERTY:PkgConfig::GSTREAMER,INTERFACE_INCLUDE_DIRECTORIES>)
   link_libraries($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:sanitizer-support>>)
 endmacro()
 

@@ -1,9 +1,14 @@
-// GLib makes its first table of quarks as it is loaded, and leaves it behind when it outgrows it, because readers take
-// no lock. The leak checker names no frame of that but g_malloc's, so it is told to look away until every library is
-// loaded.
+// GLib leaves its table of quarks behind each time it outgrows it, because readers take no lock, and the leak checker
+// names no frame of that but g_malloc's. So it looks away until every library is loaded and the table has outgrown what
+// a test can need.
+#include <glib.h>
 #include <sanitizer/lsan_interface.h>
 
+#include <string>
+
 namespace {
+
+constexpr int kQuarks = 20000;
 
 void look_away()
 {
@@ -16,6 +21,8 @@ __attribute__((section(".preinit_array"), used)) void (*const before_libraries)(
 /// Runs after theirs, before main.
 __attribute__((constructor)) void look_again()
 {
+    for (int quark = 0; quark < kQuarks; ++quark)
+        g_quark_from_string(("leak-check-" + std::to_string(quark)).c_str());
     __lsan_enable();
 }
 
