@@ -86,7 +86,9 @@ GstRTSPMediaFactory* make_factory(const std::string& launch)
 {
     GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
     gst_rtsp_media_factory_set_launch(factory, launch.c_str());
-    gst_rtsp_media_factory_set_shared(factory, TRUE);
+    // A picture of its own for each client: a shared one answers 503 to whoever comes while the last client's is put
+    // away.
+    gst_rtsp_media_factory_set_shared(factory, FALSE);
     return factory;
 }
 

@@ -117,6 +117,14 @@ void end_source(GstElement* source)
     }
 }
 
+/// @return true for the first caller only. Two ends of stream at once make a source's loop fail an assertion of its
+/// own, which ends the process.
+bool takes_the_end(GstElement* source)
+{
+    static const GQuark quark = g_quark_from_static_string("velstream-end-of-stream");
+    return g_object_replace_qdata(G_OBJECT(source), quark, nullptr, source, nullptr, nullptr);
+}
+
 void clear_pointers(GstElement* pipeline)
 {
     for (auto& [id, registered] : pipeline_map) {
@@ -263,6 +271,7 @@ void send_end_of_stream(GstElement* pipeline)
     std::vector<ElementPtr> sources;
     collect_sources(GST_BIN(pipeline), sources);
     for (const ElementPtr& source : sources) {
+        if (!takes_the_end(source.get())) continue;
         gst_element_call_async(
             source.get(), [](GstElement* element, gpointer) { end_source(element); }, nullptr, nullptr);
     }

@@ -86,6 +86,7 @@ private:
 /// waits behind a branch that does not move (a peer that went silent, a callback that is slow), and a stop must not
 /// wait with it. The sources' own method is called, because gst_element_send_event() holds the element's state lock for
 /// as long: that would keep the pipeline from being set to NULL, which is what frees a branch that does not move.
+/// Each source gets one end, however many stops ask for it.
 void send_end_of_stream(GstElement* pipeline);
 
 /// Clears every pointer to a pipeline that is about to be released.
