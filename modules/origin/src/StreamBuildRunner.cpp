@@ -31,6 +31,13 @@ constexpr Outcome leave_with(int result)
     return {Outcome::Next::Leave, result};
 }
 
+bool has_pipeline(const PiplineData* data)
+{
+    if (data->pipeline) return true;
+    VEL_LOG_ERROR("pipeline couldn't be created due to pipeline is nullptr.");
+    return false;
+}
+
 /// A runner's retry leaves the pipeline as it found it; a failed re-creation leaves none, and gets an empty one.
 void prepare_pipeline(RunScope& scope)
 {
@@ -228,22 +235,10 @@ struct Ub2404Back {
     bool is_complete() const { return from_rgb && queue_out && nv12; }
 };
 
-/// Adds and links what stands between the RGB filter and the output: nothing in front of a "fakesink".
-bool attach_output(PiplineData* data, GstElement* rgb, GstElement* output, bool skips_conversion)
+bool add_and_link(PiplineData* data, std::initializer_list<GstElement*> chain)
 {
-    if (skips_conversion) {
-        add_all(data->pipeline, {output});
-        if (link_chain({rgb, output})) return true;
-        VEL_LOG_ERROR("start_ub2404: Failed to link elements.");
-        return false;
-    }
-    const Ub2404Back back;
-    if (!back.is_complete()) {
-        VEL_LOG_ERROR("start_ub2404: Failed to create output conversion elements.");
-        return false;
-    }
-    add_all(data->pipeline, {back.from_rgb.get(), back.queue_out.get(), back.nv12.get(), output});
-    if (link_chain({rgb, back.from_rgb.get(), back.queue_out.get(), back.nv12.get(), output})) return true;
+    add_all(data->pipeline, chain);
+    if (link_chain(chain)) return true;
     VEL_LOG_ERROR("start_ub2404: Failed to link elements.");
     return false;
 }
@@ -255,16 +250,22 @@ bool assemble_ub2404(PiplineData* data, GstElement* input, GstElement* output, b
         VEL_LOG_ERROR("start_ub2404: Failed to create one or more elements.");
         return false;
     }
-    add_all(data->pipeline, {input, front.queue_in.get(), front.nv12.get(), front.to_rgb.get(), front.queue_mid.get(),
-                             front.rgb.get()});
-    if (!link_chain({input, front.queue_in.get(), front.nv12.get(), front.to_rgb.get(), front.queue_mid.get(),
-                     front.rgb.get()})) {
-        VEL_LOG_ERROR("start_ub2404: Failed to link elements.");
-        return false;
+    bool is_linked = false;
+    if (skips_conversion) {
+        is_linked = add_and_link(data, {input, front.queue_in.get(), front.nv12.get(), front.to_rgb.get(),
+                                        front.queue_mid.get(), front.rgb.get(), output});
+    } else {
+        const Ub2404Back back;
+        if (!back.is_complete()) {
+            VEL_LOG_ERROR("start_ub2404: Failed to create output conversion elements.");
+            return false;
+        }
+        is_linked = add_and_link(data, {input, front.queue_in.get(), front.nv12.get(), front.to_rgb.get(),
+                                        front.queue_mid.get(), front.rgb.get(), back.from_rgb.get(),
+                                        back.queue_out.get(), back.nv12.get(), output});
     }
-    if (!attach_output(data, front.rgb.get(), output, skips_conversion)) return false;
-    add_buffer_probe(front.rgb.get(), "src", on_buffer_received_v4l2, data);
-    return true;
+    if (is_linked) add_buffer_probe(front.rgb.get(), "src", on_buffer_received_v4l2, data);
+    return is_linked;
 }
 
 int fail_ub2404(RunScope& scope, GstMessage* message)
@@ -355,9 +356,10 @@ int watch_ub2404(RunScope& scope, bool has_output)
 
 int start(PiplineData* data, GstElement* input, GstElement* output)
 {
-    RunScope scope(data);
     const ElementPtr input_owner = share(input);
     const ElementPtr output_owner = share(output);
+    if (!has_pipeline(data)) return -1;
+    RunScope scope(data);
     use_system_clock(data->pipeline);
     for (int attempt = 1;; ++attempt) {
         VEL_LOG_INFO("Starting pipeline, attempt %d of %d", attempt, kAttempts);
@@ -371,9 +373,10 @@ int start(PiplineData* data, GstElement* input, GstElement* output)
 
 int start_6490_ql(PiplineData* data, GstElement* input, GstElement* output)
 {
-    RunScope scope(data);
     const ElementPtr input_owner = share(input);
     const ElementPtr output_owner = share(output);
+    if (!has_pipeline(data)) return -1;
+    RunScope scope(data);
     use_system_clock(data->pipeline);
     for (int attempt = 1;; ++attempt) {
         VEL_LOG_INFO("Platform is 6490 ql. Starting pipeline, attempt %d of %d", attempt, kAttempts);
@@ -387,9 +390,10 @@ int start_6490_ql(PiplineData* data, GstElement* input, GstElement* output)
 
 int start_ub2404(PiplineData* data, GstElement* input, GstElement* output)
 {
-    RunScope scope(data);
     const ElementPtr input_owner = share(input);
     const ElementPtr output_owner = share(output);
+    if (!has_pipeline(data)) return -1;
+    RunScope scope(data);
     use_system_clock(data->pipeline);
     const std::string output_factory = factory_name(output);
     const bool skips_conversion = output_factory == "fakesink";
