@@ -136,10 +136,10 @@ GstPadProbeReturn hold(GstPad*, GstPadProbeInfo*, gpointer data)
 
 TEST_F(Split, SlowBranchDelaysTheOtherOnlyWhenItsQueueIsFull)
 {
-    TwoBranches split(kNv12, "", "");
     std::promise<void> release;
-    Blocker blocker;
+    Blocker blocker; // outlives the branch that it holds
     blocker.release = release.get_future().share();
+    TwoBranches split(kNv12, "", "");
     const PadPtr slow(gst_element_get_static_pad(split.element.get(), "src_1"));
     gst_pad_add_probe(slow.get(), GST_PAD_PROBE_TYPE_BUFFER, hold, &blocker, nullptr);
     ASSERT_EQ(split.push(numbered_frame(kNv12, 0)), GST_FLOW_OK);
@@ -162,10 +162,10 @@ TEST_F(Split, SlowBranchDelaysTheOtherOnlyWhenItsQueueIsFull)
 
 TEST_F(Split, BranchThatIsUnlinkedWhileItIsFullLetsTheOtherGoOn)
 {
-    TwoBranches split(kNv12, "", "");
     std::promise<void> release;
-    Blocker blocker;
+    Blocker blocker; // outlives the branch that it holds
     blocker.release = release.get_future().share();
+    TwoBranches split(kNv12, "", "");
     const PadPtr slow(gst_element_get_static_pad(split.element.get(), "src_1"));
     gst_pad_add_probe(slow.get(), GST_PAD_PROBE_TYPE_BUFFER, hold, &blocker, nullptr);
     ASSERT_EQ(split.push(numbered_frame(kNv12, 0)), GST_FLOW_OK);
