@@ -4,6 +4,7 @@
 #include "RecordedLog.h"
 #include "StreamInput.h"
 #include "StreamOutput.h"
+#include "velstream.h"
 
 #include <gtest/gtest.h>
 
@@ -78,6 +79,16 @@ TEST_F(OtherPlatform, Mp4OutputIsTheGenericChain)
     EXPECT_EQ(chain_from_ghost_sink(bin.get()), (Lines{"qtic2venc", "queue", "h264parse", "mp4mux", "filesink"}));
     EXPECT_EQ(log_lines(),
               (Lines{"I Output url: /tmp/x.mp4.", "I Platform is 8550 (pure ubuntu), will use qtic2venc plugin."}));
+}
+
+TEST_F(OtherPlatform, StreamRunsWithThePlainRunner)
+{
+    const WithoutElement without("qtivtransform");
+    EXPECT_EQ(start_stream_input_file("/absent/video.mp4", nullptr, STREAM_TYPE_NONE, "", 0, 0, "cam"), -1);
+    const Lines lines = log_lines();
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(lines[lines.size() - 2], "I Starting pipeline, attempt 1 of 5") << "no line about an engine";
+    EXPECT_EQ(lines.back(), "E Failed to link elements input with qtivtransformInput in the pipeline.");
 }
 
 } // namespace

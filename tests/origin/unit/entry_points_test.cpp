@@ -64,6 +64,15 @@ TEST_F(EntryPoints, TextThatIsNotJsonRaisesTheParsersException)
     EXPECT_THROW(start_stream("cam", callback_), Json::RuntimeError);
 }
 
+TEST_F(EntryPoints, EntryOfAWrongTypeRaisesTheParsersExceptionAndStartsNothing)
+{
+    const ConfigFile file(one_stream("cam", R"("inputType": "file", "inputAddr": {}, "audio": false)"));
+    EXPECT_THROW(start_stream("cam", callback_), Json::LogicError);
+    EXPECT_EQ(log_lines(), Lines{});
+    EXPECT_TRUE(pipeline_map.empty());
+    EXPECT_TRUE(callback_);
+}
+
 TEST_F(EntryPoints, SaveMp4WithoutHeightAndInputTypeIsLogged)
 {
     const ConfigFile file(one_stream("cam", R"("saveMp4": true, "width": 640)"));
