@@ -34,6 +34,15 @@ Bytes ones(std::size_t size)
     return bytes;
 }
 
+/// Start codes wherever they can be, of units that set but one flag: the scan has to look at all of them.
+Bytes start_codes_only(std::size_t size)
+{
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = Bytes{0, 0, 1, 2, 1}[i % 5];
+    return bytes;
+}
+
 HevcAuInfo plain_scan(const std::uint8_t* data, std::size_t size)
 {
     HevcAuInfo info{};
@@ -73,6 +82,8 @@ BENCHMARK(scan<parse_hevc_au_info_splice, long_unit>)->Name("scan/long_unit")->A
 BENCHMARK(scan<plain_scan, long_unit>)->Name("plain/long_unit")->Arg(10000)->Arg(200000)->Arg(4000000);
 BENCHMARK(scan<parse_hevc_au_info_splice, ones>)->Name("scan/ones")->Arg(200000);
 BENCHMARK(scan<plain_scan, ones>)->Name("plain/ones")->Arg(200000);
+BENCHMARK(scan<parse_hevc_au_info_splice, start_codes_only>)->Name("scan/start_codes")->Arg(200000);
+BENCHMARK(scan<plain_scan, start_codes_only>)->Name("plain/start_codes")->Arg(200000);
 
 } // namespace
 
