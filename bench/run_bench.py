@@ -59,8 +59,8 @@ def generate_all():
 # ---- Programs
 
 
-def launch(description):
-    return ["gst-launch-1.0", "-q", *description.split()]
+def launch(description, frames=FRAMES):
+    return [STREAMS, "launch", description, str(frames)]
 
 
 def decode(rest, file=H264):
@@ -76,7 +76,7 @@ def picture(frames, width=1920, height=1080, form="NV12"):
 def convert(element, form, to, size=(1920, 1080), frames=400):
     width, height = size
     caps = f"video/x-raw,format={to},width={width},height={height}"
-    return launch(f"{picture(frames, form=form)} ! {element} ! {caps} ! fakesink")
+    return launch(f"{picture(frames, form=form)} ! {element} ! {caps} ! fakesink", frames)
 
 
 def compose(element, place, frames=200):
@@ -84,7 +84,7 @@ def compose(element, place, frames=200):
     pads = " ".join(place(f"sink_{i}", x, y) for i, (x, y) in enumerate(tiles))
     inputs = " ".join(f"{picture(frames, 1280, 720)} ! mixer.sink_{i}" for i in range(len(tiles)))
     caps = "video/x-raw,format=NV12,width=1920,height=1080,framerate=25/1"
-    return launch(f"{element} name=mixer {pads} ! {caps} ! fakesink {inputs}")
+    return launch(f"{element} name=mixer {pads} ! {caps} ! fakesink {inputs}", frames)
 
 
 def place_own(pad, x, y):
@@ -99,7 +99,7 @@ def split(element, branch, frames=300):
     """One 1080p stream into 720p RGB and 360p NV12."""
     sizes = ["format=RGB,width=1280,height=720", "format=NV12,width=640,height=360"]
     branches = " ".join(f"parts. ! queue ! {branch}video/x-raw,{size} ! fakesink" for size in sizes)
-    return launch(f"{picture(frames)} ! {element} name=parts {branches}")
+    return launch(f"{picture(frames)} ! {element} name=parts {branches}", frames)
 
 
 # What v4l2h264enc sets for a stream of 240 frames a second; the bit rate is its default for the size.
@@ -192,8 +192,20 @@ class Run:
         self.values = {"rate": frames / seconds, "cpu": cpu / frames}
 
 
+class Timed:
+    """A run as the process itself timed it, without its start, and the whole process."""
+
+    def __init__(self, whole, own=None):
+        self.whole, self.own = whole, own
+
+
+def values(runs, others, measure):
+    """Like is compared with like: a program that does not time itself is compared with the whole process."""
+    both = all(one.own for one in runs + others)
+    return [[(one.own if both else one.whole).values[measure] for one in side] for side in (runs, others)]
+
+
 def run(command, environment):
-    """One process. What it says about its frames, time and CPU time counts; else the whole process does."""
     command = [str(part) for part in command]
     start = time.monotonic()
     with tempfile.TemporaryFile("w+") as output:
@@ -211,8 +223,9 @@ def run(command, environment):
     said = dict(re.findall(r"\b(frames|seconds|cpu|kilobytes|threads) ([\d.]+)", text))
     if "kilobytes" in said:
         return int(said["kilobytes"]), int(said["threads"])
-    return Run(int(said.get("frames", FRAMES)), float(said.get("seconds", seconds)),
-               float(said.get("cpu", usage.ru_utime + usage.ru_stime)))
+    frames = int(said.get("frames", FRAMES))
+    own = Run(frames, float(said["seconds"]), float(said["cpu"])) if "cpu" in said else None
+    return Timed(Run(frames, seconds, usage.ru_utime + usage.ru_stime), own)
 
 
 def verdict(value, target):
@@ -229,12 +242,12 @@ def pipelines(rounds, environment):
             for name, command in programs.items():
                 runs[name].append(run(command, environment))
         for row in rows:
-            of = lambda name: [one.values[row.measure] for one in runs[name]]
-            ratios = sorted(a / b for a, b in zip(of("ours"), of(row.other)))
+            ours, other = values(runs["ours"], runs[row.other], row.measure)
+            ratios = sorted(a / b for a, b in zip(ours, other))
             value = statistics.median(ratios)
             unit = (lambda v: f"{v:.0f}/s") if row.measure == "rate" else (lambda v: f"{v * 1000:.2f} ms")
             yield (row.name, f"{value:.2f}", f"{ratios[0]:.2f} to {ratios[-1]:.2f}",
-                   f"{unit(statistics.median(of('ours')))}, {unit(statistics.median(of(row.other)))}", row.target,
+                   f"{unit(statistics.median(ours))}, {unit(statistics.median(other))}", row.target,
                    verdict(value, row.target))
 
 
@@ -314,6 +327,13 @@ def table(rows):
         yield "| " + " | ".join(cell or " " for cell in row) + " |"
 
 
+def merged(lines, former):
+    """The former table with these rows in place of its own."""
+    name = lambda line: line.split(" | ")[0]
+    fresh = {name(line): line for line in lines if line.startswith("| ")}
+    return [fresh.get(name(line), line) for line in former]
+
+
 def write_document(lines):
     text = DOCUMENT.read_text()
     before, rest = text.split(BEGIN)
@@ -325,10 +345,8 @@ def main():
     parser = argparse.ArgumentParser(description="Measures the library beside the usual ways.")
     parser.add_argument("--rounds", type=int, default=7, help="of each row (7)")
     parser.add_argument("--only", default="", help="rows whose name has this text")
-    parser.add_argument("--write", action="store_true", help="puts the table into docs/benchmarks.md")
+    parser.add_argument("--write", action="store_true", help="puts the table into docs/benchmarks.md; with --only, its rows")
     options = parser.parse_args()
-    if options.only and options.write:
-        parser.error("--write wants all rows")
     load = os.getloadavg()[0]
     generate_all()
     environment = dict(os.environ, GST_PLUGIN_PATH=str(BUILD / "lib" / "velstream-gst" / "gstreamer-1.0"),
@@ -344,7 +362,10 @@ def main():
             print(" | ".join(cell for cell in row if cell), flush=True)
             rows.append(row)
     lines += table(rows)
-    (MEDIA / "figures.md").write_text("\n".join(lines) + "\n")
+    figures = MEDIA / "figures.md"
+    if options.only and figures.exists():
+        lines = merged(lines, figures.read_text().splitlines())
+    figures.write_text("\n".join(lines) + "\n")
     if options.write:
         write_document(lines)
     print("\n".join(["", *lines]) if not options.only else "")

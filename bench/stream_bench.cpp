@@ -81,8 +81,9 @@ int run_callback(const std::string& file)
         ++frames;
         return int8_t{0};
     };
+    Stopwatch watch;
     start_stream("0", callback);
-    std::printf("frames %ld\n", frames.load());
+    watch.report(frames);
     return frames > 0 ? 0 : 1;
 }
 
@@ -217,6 +218,32 @@ int run_reencode(int width, int height, int count, const std::string& file)
     return start(ins, callback);
 }
 
+/// @return true at the end of the stream, false after an error.
+bool wait_for_end(GstElement* pipeline)
+{
+    GstBus* bus = gst_element_get_bus(pipeline);
+    GstMessage* message =
+        gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    const bool has_ended = GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS;
+    gst_message_unref(message);
+    gst_object_unref(bus);
+    return has_ended;
+}
+
+/// A pipeline without this library, in a process that is started alike.
+int run_launch(const std::string& description, long frames)
+{
+    Stopwatch watch;
+    GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
+    if (!pipeline) return 1;
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    const bool has_ended = wait_for_end(pipeline);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    watch.report(frames);
+    gst_object_unref(pipeline);
+    return has_ended ? 0 : 1;
+}
+
 /// The same frames into a chain that an application would write.
 int run_chain(int width, int height, int count, const std::string& chain)
 {
@@ -241,12 +268,7 @@ int run_chain(int width, int height, int count, const std::string& chain)
     }
     watch.report(count);
     gst_app_src_end_of_stream(GST_APP_SRC(source));
-    GstBus* bus = gst_element_get_bus(pipeline);
-    GstMessage* message =
-        gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-    const bool has_ended = GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS;
-    gst_message_unref(message);
-    gst_object_unref(bus);
+    const bool has_ended = wait_for_end(pipeline);
     gst_element_set_state(pipeline, GST_STATE_NULL);
     gst_object_unref(source);
     gst_object_unref(pipeline);
@@ -263,11 +285,13 @@ int main(int argc, char** argv)
     const std::string what = arguments.empty() ? "" : arguments[0];
     const auto number = [&](std::size_t at) { return std::stoi(arguments[at]); };
     if (what == "callback" && arguments.size() == 2) return run_callback(arguments[1]);
+    if (what == "launch" && arguments.size() == 3) return run_launch(arguments[1], number(2));
     if (what == "several" && arguments.size() == 3) return run_several(arguments[1], number(2));
     if (what == "splice" && arguments.size() == 3) return run_splice(arguments[1], number(2));
     if (what == "reencode" && arguments.size() == 5) return run_reencode(number(1), number(2), number(3), arguments[4]);
     if (what == "chain" && arguments.size() == 5) return run_chain(number(1), number(2), number(3), arguments[4]);
-    std::fprintf(stderr, "usage: velstream_stream_bench callback FILE | several FILE STREAMS | splice FILE FRAMES | "
+    std::fprintf(stderr, "usage: velstream_stream_bench callback FILE | launch DESCRIPTION FRAMES | several FILE "
+                         "STREAMS | splice FILE FRAMES | "
                          "reencode WIDTH HEIGHT FRAMES FILE | chain WIDTH HEIGHT FRAMES LAUNCH\n");
     return 2;
 }
