@@ -54,6 +54,10 @@ void add_run(CLI::App& app, Action& action)
     run->add_option("--snapshot", options->snapshot_folder,
                     "Write PNG files of frames into this folder: the first, then every 30th, 100 at most")
         ->type_name("FOLDER");
+    run->add_flag("--draw-time", options->drawing.has_time, "Draw the time on every frame");
+    run->add_option("--draw-picture", options->drawing.picture,
+                    "Lay a PNG file over every frame, at the top left; what is white or transparent in it is clear")
+        ->type_name("FILE");
     run->add_flag("--json", options->is_json, "Print one JSON object a stream at the end, and nothing else, on stdout");
     run->add_option("--log-level", options->log_level, "What the library logs on stderr")
         ->check(CLI::IsMember({"info", "warning", "error", "none"}))
@@ -64,6 +68,11 @@ void add_run(CLI::App& app, Action& action)
         "  velstream run camera                        until Ctrl+C, with the installed configuration\n"
         "  velstream run camera file -c my.conf --duration 10 --snapshot /tmp/pictures\n"
         "  velstream run camera --frames 100 --json    for a script\n"
+        "  velstream run camera --draw-time --draw-picture logo.png\n"
+        "\n"
+        "What is drawn is shown, pushed, recorded and in the snapshots. Streams with \"saveMp4\" or \"networkPush\" "
+        "have\n"
+        "nothing but it, on grey.\n"
         "\n"
         "Ctrl+C (or SIGTERM) stops all streams, a second one ends the program at once.\n"
         "\n"

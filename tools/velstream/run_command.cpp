@@ -228,12 +228,24 @@ void refuse_missing_elements(const std::vector<StreamEntry>& streams)
     }
 }
 
+std::unique_ptr<StreamSession> make_session(const StreamEntry& stream, const RunOptions& options, Waker& waker)
+{
+    const StreamKind kind = kind_of(stream);
+    auto session = std::make_unique<StreamSession>(stream.id, kind != StreamKind::Rolling, options.frames,
+                                                   options.snapshot_folder, waker);
+    const bool owns_frame = kind == StreamKind::SaveMp4 || kind == StreamKind::NetworkPush;
+    if (options.drawing.has_time || !options.drawing.picture.empty())
+        session->set_drawing(std::make_unique<Drawing>(options.drawing, owns_frame));
+    return session;
+}
+
 } // namespace
 
 int run_streams(const RunOptions& options)
 {
     const std::vector<StreamEntry> streams = startable_streams(options);
     if (!options.snapshot_folder.empty()) prepare_snapshot_folder(options.snapshot_folder);
+    if (!options.drawing.picture.empty()) read_overlay(options.drawing.picture); // before anything is started
 
     FILE* results = take_standard_output();
     // Lives as long as the process: the thread that waits for signals is never joined.
@@ -246,11 +258,8 @@ int run_streams(const RunOptions& options)
     watch_stream_errors();
 
     Sessions sessions;
-    for (const StreamEntry& stream : streams) {
-        const bool has_callback = kind_of(stream) != StreamKind::Rolling;
-        sessions.push_back(
-            std::make_unique<StreamSession>(stream.id, has_callback, options.frames, options.snapshot_folder, waker));
-    }
+    for (const StreamEntry& stream : streams)
+        sessions.push_back(make_session(stream, options, waker));
     for (const auto& session : sessions)
         session->start();
     wait_for_end(sessions, options, signals, waker);

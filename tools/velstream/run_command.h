@@ -1,6 +1,8 @@
 // "velstream run": runs streams and says how they went.
 #pragma once
 
+#include "drawing.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -13,6 +15,7 @@ struct RunOptions {
     double duration = 0; ///< seconds; 0 for no limit
     uint64_t frames = 0; ///< of each stream; 0 for no limit
     std::string snapshot_folder;
+    DrawingOptions drawing;
     bool is_json = false;
     std::string elements = "auto";
     std::string log_level = "warning";

@@ -69,20 +69,20 @@ Snapshots::~Snapshots()
     writer_.join();
 }
 
-bool Snapshots::is_due(const Quorvis::VelStream::Image& image) const
+bool Snapshots::is_due(const Quorvis::VelStream::Image& image, int64_t number) const
 {
-    return taken_ < kMostPictures && image.frameIndex >= next_frame_ && image.width > 0 && image.height > 0 &&
+    return taken_ < kMostPictures && number >= next_frame_ && image.width > 0 && image.height > 0 &&
            image.size >= bytes_of(image.width, image.height);
 }
 
-void Snapshots::offer(const Quorvis::VelStream::Image& image)
+void Snapshots::offer(const Quorvis::VelStream::Image& image, int64_t number)
 {
-    if (!is_due(image)) return;
-    next_frame_ = image.frameIndex + kFramesApart;
+    if (!is_due(image, number)) return;
+    next_frame_ = number + kFramesApart;
     ++taken_;
-    char number[32];
-    std::snprintf(number, sizeof number, "-%06lld.png", static_cast<long long>(image.frameIndex));
-    Picture picture{folder_ / (file_prefix_ + number),
+    char suffix[32];
+    std::snprintf(suffix, sizeof suffix, "-%06lld.png", static_cast<long long>(number));
+    Picture picture{folder_ / (file_prefix_ + suffix),
                     image.width,
                     image.height,
                     {image.data, image.data + bytes_of(image.width, image.height)}};

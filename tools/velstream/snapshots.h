@@ -26,7 +26,8 @@ public:
     Snapshots& operator=(const Snapshots&) = delete;
 
     /// Takes a copy when a picture is due. One call at a time.
-    void offer(const Quorvis::VelStream::Image& image);
+    /// @param number  of the frame among those that the tool counts, from 1.
+    void offer(const Quorvis::VelStream::Image& image, int64_t number);
 
 private:
     struct Picture {
@@ -35,7 +36,7 @@ private:
         int height = 0;
         std::vector<uint8_t> rgb; ///< rows of 3 x width bytes
     };
-    bool is_due(const Quorvis::VelStream::Image& image) const;
+    bool is_due(const Quorvis::VelStream::Image& image, int64_t number) const;
     void write_pictures();
 
     std::filesystem::path folder_;

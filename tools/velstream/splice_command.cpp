@@ -75,7 +75,7 @@ private:
 /// The frame in packed RGB, as a snapshot wants it. The matrix is what is usual for the height.
 class RgbCopy {
 public:
-    RgbCopy(const Image& nv12, uint64_t number) : image_(nv12)
+    explicit RgbCopy(const Image& nv12) : image_(nv12)
     {
         rgb_.resize(static_cast<std::size_t>(nv12.width) * static_cast<std::size_t>(nv12.height) * 3);
         const std::size_t luma =
@@ -86,7 +86,6 @@ public:
             nv12.height >= 720 ? &libyuv::kYvuH709Constants : &libyuv::kYvuI601Constants, nv12.width, nv12.height);
         image_.data = rgb_.data();
         image_.size = rgb_.size();
-        image_.frameIndex = static_cast<int64_t>(number);
     }
     const Image& image() const { return image_; }
 
@@ -116,7 +115,8 @@ public:
         height_ = image.height;
         last_ = Clock::now();
         if (frames_++ == 0) first_ = last_;
-        if (snapshots_ && (frames_ - 1) % kSnapshotsApart == 0) snapshots_->offer(RgbCopy(image, frames_).image());
+        if (snapshots_ && (frames_ - 1) % kSnapshotsApart == 0)
+            snapshots_->offer(RgbCopy(image).image(), static_cast<int64_t>(frames_));
     }
     /// Frames from this time stamp on are the flush's own and are not counted.
     void expect_flush(long pts)

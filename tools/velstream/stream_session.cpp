@@ -75,8 +75,9 @@ void StreamSession::run()
 
 int8_t StreamSession::take(const Quorvis::VelStream::Image& image)
 {
+    if (drawing_) drawing_->draw(image);
     if (is_satisfied()) return 0;
-    if (snapshots_) snapshots_->offer(image);
+    if (snapshots_) snapshots_->offer(image, static_cast<int64_t>(frames_) + 1);
     width_ = image.width;
     height_ = image.height;
     last_frame_ = (Clock::now() - start_).count();

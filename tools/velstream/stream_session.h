@@ -1,6 +1,7 @@
 // One stream that the tool runs: its thread, its counters and how it ended.
 #pragma once
 
+#include "drawing.h"
 #include "snapshots.h"
 #include "velstream.h"
 
@@ -8,10 +9,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace velstream::tool {
 
@@ -38,6 +41,8 @@ public:
     StreamSession(const StreamSession&) = delete;
     StreamSession& operator=(const StreamSession&) = delete;
 
+    /// Before the start: what is drawn on each frame.
+    void set_drawing(std::unique_ptr<Drawing> drawing) { drawing_ = std::move(drawing); }
     void start();
     /// The tool is about to stop it: unless it has ended already, its end is then not its own.
     void mark_stopped();
@@ -74,7 +79,8 @@ private:
     bool has_callback_;
     uint64_t frame_limit_;
     Waker& waker_;
-    std::optional<Snapshots> snapshots_; // frames come from the streaming thread alone
+    std::unique_ptr<Drawing> drawing_;   // frames come from the streaming thread alone
+    std::optional<Snapshots> snapshots_; // likewise
     std::thread thread_;
     Clock::time_point start_;
     // Written by the stream's threads, read by the main thread.
