@@ -266,8 +266,8 @@ bool Encoder::push(BufferPtr buffer)
     GstFlowReturn flow = GST_FLOW_ERROR;
     g_signal_emit_by_name(source_, "push-buffer", buffer.get(), &flow);
     if (flow == GST_FLOW_OK) return true;
-    // A stop has ended the stream while the callback drew.
-    if (flow == GST_FLOW_EOS && scope_.run().is_stop_asked()) return false;
+    // A stop or a signal has ended the stream while the callback drew.
+    if (flow == GST_FLOW_EOS && !is_wanted()) return false;
     VEL_LOG_ERROR("Failed to push buffer to appsrc.");
     is_going_on(); // logs the cause, if the pipeline has one
     result_ = 0;

@@ -54,12 +54,13 @@ TEST_F(EndOfReencoder, ByASignalIsWholeTwentyTimes)
         SCOPED_TRACE(round);
         running = true;
         StreamCall call(described_stream(saved_stream("cam", path(round), 320, 240, 50)), painter());
-        ASSERT_TRUE(call.wait_for_frames(g_buffer_count + 2 + round % 5));
+        ASSERT_TRUE(call.wait_for_frames(2 + round % 5));
         std::raise(SIGINT);
         ASSERT_TRUE(call.wait_for_end(kEndAfterStop));
         EXPECT_EQ(call.result(), 0);
-        // What waits in the source when the signal comes may be left out: as many frames as it holds, and the last.
-        expect_whole(path(round), call.frames() - g_buffer_count - 1, call.frames());
+        // What waits in the source is kept; the frame that was being drawn may have come too late.
+        expect_whole(path(round), call.frames() - 1, call.frames());
+        EXPECT_EQ(log_count("E Failed to push buffer to appsrc."), 0);
     }
 }
 
