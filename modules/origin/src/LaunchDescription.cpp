@@ -4,9 +4,6 @@
 
 namespace Quorvis::VelStream {
 
-namespace {
-
-/// The first error hides those behind it, so the links are looked at too.
 bool is_linked_throughout(GstElement* pipeline)
 {
     if (!GST_IS_BIN(pipeline)) return false;
@@ -14,8 +11,6 @@ bool is_linked_throughout(GstElement* pipeline)
     const PadPtr sink(gst_bin_find_unlinked_pad(GST_BIN(pipeline), GST_PAD_SINK));
     return !source && !sink;
 }
-
-} // namespace
 
 ElementPtr launch_pipeline(const std::string& description, std::string& failure)
 {

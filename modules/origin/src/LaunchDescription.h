@@ -16,4 +16,8 @@ namespace Quorvis::VelStream {
  */
 ElementPtr launch_pipeline(const std::string& description, std::string& failure);
 
+/// True when no pad of the bin's elements is without a peer. The first error of a description hides those behind it, so
+/// one that is passed over does not mean that everything is there.
+bool is_linked_throughout(GstElement* pipeline);
+
 } // namespace Quorvis::VelStream

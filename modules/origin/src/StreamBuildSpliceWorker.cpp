@@ -1,5 +1,7 @@
 #include "StreamBuildSplice.h"
 
+#include "LaunchDescription.h"
+
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/video/video.h>
@@ -57,10 +59,11 @@ void print_error(const StreamContext& context, const std::string& text)
 
 /// Only a property that was not set leaves every element in place. gst_parse_launch returns what it could build for a
 /// missing element, a failed link and a syntax error too.
-bool leaves_pipeline_whole(const GError& error)
+bool leaves_pipeline_whole(const GError& error, GstElement* pipeline)
 {
     return error.domain == GST_PARSE_ERROR &&
-           (error.code == GST_PARSE_ERROR_NO_SUCH_PROPERTY || error.code == GST_PARSE_ERROR_COULD_NOT_SET_PROPERTY);
+           (error.code == GST_PARSE_ERROR_NO_SUCH_PROPERTY || error.code == GST_PARSE_ERROR_COULD_NOT_SET_PROPERTY) &&
+           is_linked_throughout(pipeline);
 }
 
 /// @return null when the pipeline cannot be made as described; the cause is printed.
@@ -69,7 +72,7 @@ ElementPtr launch(const StreamContext& context)
     GError* raw_error = nullptr;
     ElementPtr pipeline = share(gst_parse_launch(kDescription, &raw_error));
     const ErrorPtr error(raw_error);
-    if (!pipeline || (error && !leaves_pipeline_whole(*error))) {
+    if (!pipeline || (error && !leaves_pipeline_whole(*error, pipeline.get()))) {
         print_error(context, "] create pipeline failed");
         if (error) print_error(context, std::string("] ") + error->message);
         return nullptr;

@@ -1,5 +1,6 @@
 // The result codes, the gate, the messages and the life of a stream. What these tests push need not be decodable.
 #include "ConfigFile.h"
+#include "Elements.h"
 #include "SpliceStream.h"
 #include "StreamBuildSplice.h"
 
@@ -229,6 +230,16 @@ TEST(SplicePipeline, IsTheOneThatIsDescribed)
     const ElementPtr source(gst_bin_get_by_name(GST_BIN(pipeline.get()), "src"));
     const ElementPtr sink(gst_bin_get_by_name(GST_BIN(pipeline.get()), "sink"));
     ASSERT_TRUE(source && sink);
+    std::vector<std::string> chain = chain_from(source.get());
+    ASSERT_EQ(chain.size(), 5U) << "nothing beside the chain";
+    EXPECT_EQ(chain[3].substr(0, 10), "capsfilter");
+    chain.erase(chain.begin() + 3);
+    EXPECT_EQ(chain, (std::vector<std::string>{"appsrc:src", "h265parse", "qtic2vdec", "appsink:sink"}));
+    EXPECT_EQ(factories_in(pipeline.get()).size(), 5U);
+    const ElementPtr parser = child_of_factory(pipeline.get(), "h265parse");
+    EXPECT_EQ(text_of(parser.get(), "disable-passthrough"), "true");
+    const ElementPtr filter = child_of_factory(pipeline.get(), "capsfilter");
+    EXPECT_TRUE(has_caps(filter.get(), "video/x-raw,format=NV12"));
     EXPECT_EQ(text_of(source.get(), "block"), "true");
     EXPECT_EQ(text_of(source.get(), "is-live"), "false");
     EXPECT_EQ(text_of(source.get(), "format"), "time");
@@ -252,6 +263,16 @@ TEST(SpliceStart, MissingDecoderIsMinusFourWithItsMessage)
     EXPECT_EQ(find_splice_stream("one"), nullptr);
     EXPECT_EQ(printed.error(), "[ERROR][one] create pipeline failed\n[ERROR][one] no element \"qtic2vdec\"\n");
     EXPECT_EQ(printed.out(), "");
+}
+
+TEST(SpliceStart, PropertyThatIsMissingDoesNotHideAMissingDecoder)
+{
+    forget_element("qtic2vdec");
+    const ElementStandIn parser("h265parse", "identity"); // has no such property
+    const StandardStreams printed;
+    const SpliceStream stream("one", some_callback());
+    EXPECT_EQ(stream.start_result(), -4);
+    EXPECT_EQ(printed.error().find("[ERROR][one] create pipeline failed\n"), 0U) << printed.error();
 }
 
 TEST(SpliceStart, DecoderThatCannotPlayIsMinusFourWithItsMessage)

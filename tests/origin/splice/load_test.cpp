@@ -19,6 +19,7 @@ using namespace velstream::testing;
 namespace {
 
 constexpr int kStreams = 8;
+constexpr int kLives = 100;
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int kRounds = 25;
 #else
@@ -102,7 +103,7 @@ TEST(SpliceLoad, EightStreamsStoppedWhilePushedLeaveNothingBehind)
     std::vector<Codes> codes(kStreams);
     for (int i = 0; i < kStreams; ++i) {
         streams.push_back(std::async(std::launch::async, [&, i] {
-            for (int round = 0; round < kRounds && !::testing::Test::HasFailure(); ++round)
+            for (int round = 0; round < kLives && !::testing::Test::HasFailure(); ++round)
                 live_once("stream" + std::to_string(i), units, round + i, codes[static_cast<std::size_t>(i)]);
         }));
     }
