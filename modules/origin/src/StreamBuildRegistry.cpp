@@ -175,10 +175,10 @@ bool StreamRun::is_stopped() const
     return is_stopped_ || (is_stop_asked_ && !is_end_in_flight_);
 }
 
-void StreamRun::wait_for_end(std::chrono::steady_clock::time_point deadline)
+bool StreamRun::wait_for_end(std::chrono::steady_clock::time_point deadline)
 {
     std::unique_lock lock(mutex_);
-    changed_.wait_until(lock, deadline, [this] { return is_ended_; });
+    return changed_.wait_until(lock, deadline, [this] { return is_ended_; });
 }
 
 bool StreamRun::sleep_unless_stopped(std::chrono::milliseconds duration)

@@ -32,8 +32,8 @@ public:
     /// True when nothing is left to wait for: the stop took the pipeline down, or there was none to send the end to.
     bool is_stopped() const;
 
-    /// Waits until note_end() or the deadline.
-    void wait_for_end(std::chrono::steady_clock::time_point deadline);
+    /// Waits until note_end() or the deadline. @return false at the deadline.
+    bool wait_for_end(std::chrono::steady_clock::time_point deadline);
     /// Sleeps; a stop ends the sleep. @return false when a stop was asked for.
     bool sleep_unless_stopped(std::chrono::milliseconds duration);
 

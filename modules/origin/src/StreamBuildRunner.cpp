@@ -108,12 +108,19 @@ Outcome rebuild(RunScope& scope, int attempt)
     return scope.run().is_stop_asked() ? leave_with(0) : retry_or_fail(scope, attempt);
 }
 
+/// A failure while a stop is under way: the end of stream is in flight, and what is written is to be completed.
+Outcome leave_stopped(RunScope& scope)
+{
+    scope.let_output_finish();
+    return leave_with(-1);
+}
+
 Outcome handle_error(RunScope& scope, GstMessage* message, int attempt)
 {
     const ErrorReport report(message);
     VEL_LOG_ERROR("Error received from element %s: %s", source_name(message), report.text());
     VEL_LOG_ERROR("Debugging information: %s", report.debug());
-    if (scope.run().is_stop_asked()) return leave_with(-1);
+    if (scope.run().is_stop_asked()) return leave_stopped(scope);
     if (get_manual_rebuild(scope.data()->streamId)) return retry_or_fail(scope, attempt);
     VEL_LOG_WARN("Error information received. Manual rebuild switch disabled, It will rebuild.");
     return rebuild(scope, attempt);
@@ -188,7 +195,7 @@ Outcome handle_error_6490_ql(RunScope& scope, GstMessage* message, int attempt)
     const ErrorReport report(message);
     VEL_LOG_ERROR("Error received from element %s: %s\n", source_name(message), report.text());
     VEL_LOG_ERROR("Debugging information: %s\n", report.debug());
-    return scope.run().is_stop_asked() ? leave_with(-1) : retry_or_fail(scope, attempt);
+    return scope.run().is_stop_asked() ? leave_stopped(scope) : retry_or_fail(scope, attempt);
 }
 
 Outcome watch_6490_ql(RunScope& scope, int attempt)
@@ -268,11 +275,21 @@ bool assemble_ub2404(PiplineData* data, GstElement* input, GstElement* output, b
     return is_linked;
 }
 
-int fail_ub2404(RunScope& scope, GstMessage* message)
+/// True when an output that works has been given frames, which a failure before it leaves to be completed.
+bool is_writing(GstElement* output, GstMessage* message)
+{
+    GstState state = GST_STATE_NULL;
+    return !gst_object_has_as_ancestor(GST_MESSAGE_SRC(message), GST_OBJECT(output)) &&
+           gst_element_get_state(output, &state, nullptr, 0) == GST_STATE_CHANGE_SUCCESS && state == GST_STATE_PLAYING;
+}
+
+/// @param output  null when the stream writes nothing.
+int fail_ub2404(RunScope& scope, GstMessage* message, GstElement* output)
 {
     const ErrorReport report(message);
     VEL_LOG_ERROR("start_ub2404: ERROR from %s: %s", source_name(message), report.text());
     VEL_LOG_ERROR("start_ub2404: debug info: %s", report.debug());
+    if (output && is_writing(output, message)) scope.let_output_finish();
     scope.release();
     VEL_LOG_ERROR("start_ub2404: Pipeline failed.");
     return -1;
@@ -326,9 +343,10 @@ private:
     std::chrono::steady_clock::time_point deadline_;
 };
 
-int watch_ub2404(RunScope& scope, bool has_output)
+/// @param output  null when the stream writes nothing.
+int watch_ub2404(RunScope& scope, GstElement* output)
 {
-    StopWatch stop_watch(scope, has_output);
+    StopWatch stop_watch(scope, output != nullptr);
     GstClockTime checked = system_time();
     for (;;) {
         const MessagePtr message = scope.wait_for_any_message(kUb2404Slice);
@@ -338,7 +356,7 @@ int watch_ub2404(RunScope& scope, bool has_output)
             if (stop_watch.is_over()) break;
         }
         if (!message) continue;
-        if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_ERROR) return fail_ub2404(scope, message.get());
+        if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_ERROR) return fail_ub2404(scope, message.get(), output);
         if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS) {
             VEL_LOG_INFO("start_ub2404: End-Of-Stream reached. stream_id=%s", scope.data()->streamId.c_str());
             scope.run().note_end();
@@ -402,7 +420,7 @@ int start_ub2404(PiplineData* data, GstElement* input, GstElement* output)
                  skips_conversion ? 1 : 0);
     if (!assemble_ub2404(data, input, output, skips_conversion)) return -1;
     if (!scope.play()) return 0;
-    return watch_ub2404(scope, !skips_conversion);
+    return watch_ub2404(scope, skips_conversion ? nullptr : output);
 }
 
 } // namespace Quorvis::VelStream

@@ -64,6 +64,14 @@ MessagePtr RunScope::wait_for_any_message(GstClockTime timeout)
     return MessagePtr(gst_bus_timed_pop(data_->bus, timeout));
 }
 
+void RunScope::let_output_finish()
+{
+    const auto deadline = std::chrono::steady_clock::now() + kEndOfStreamBound;
+    while (!run_->is_stopped() && std::chrono::steady_clock::now() < deadline) {
+        if (MessagePtr(gst_bus_timed_pop_filtered(data_->bus, kSlice, GST_MESSAGE_EOS))) return;
+    }
+}
+
 void RunScope::set_null()
 {
     if (data_->pipeline) gst_element_set_state(data_->pipeline, GST_STATE_NULL);

@@ -33,6 +33,10 @@ public:
     /// The next message of any type within the time; null on time-out.
     MessagePtr wait_for_any_message(GstClockTime timeout);
 
+    /// A source that fails ends its stream: the end travels behind the last frame, and what records them needs it for
+    /// its index. Waits until it has arrived, within the bound that a stop has.
+    void let_output_finish();
+
     void set_null();
 
     /// Sets the pipeline to NULL and releases it and its bus.

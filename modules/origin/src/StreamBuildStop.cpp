@@ -40,7 +40,9 @@ void finish_stop(const std::vector<StopTarget>& targets)
 {
     const auto end_deadline = std::chrono::steady_clock::now() + kEndOfStreamBound;
     for (const StopTarget& target : targets) {
-        if (target.run) target.run->wait_for_end(end_deadline);
+        if (target.run && !target.run->wait_for_end(end_deadline))
+            VEL_LOG_WARN("send_eos: the end of stream %s did not arrive in time; what it writes may be incomplete.",
+                         target.stream_id.c_str());
     }
     std::vector<std::future<void>> nulls;
     for (const StopTarget& target : targets) {

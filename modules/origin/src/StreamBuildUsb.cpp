@@ -9,7 +9,6 @@
 #include "StreamBuildRegistry.h"
 #include "StreamBuildScope.h"
 
-#include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <utility>
@@ -19,7 +18,6 @@ namespace Quorvis::VelStream {
 namespace {
 
 constexpr const char* kSourceName = "queue_input_src"; // kept: the name of a queue
-constexpr GstClockTime kSlice = 100 * GST_MSECOND;
 
 /// Every start puts the system's folder in front once more; the variable grows with each.
 void extend_library_path()
@@ -101,22 +99,12 @@ bool has_streamed(GstMessage* message)
     return state == GST_STATE_PLAYING;
 }
 
-/// A source that fails ends its stream: the end travels behind the last frame, and what records them needs it for its
-/// index. It is given the bound that a stop has.
-void let_output_finish(RunScope& scope)
-{
-    const auto deadline = std::chrono::steady_clock::now() + kEndOfStreamBound;
-    while (!scope.run().is_stopped() && std::chrono::steady_clock::now() < deadline) {
-        if (MessagePtr(gst_bus_timed_pop_filtered(scope.data()->bus, kSlice, GST_MESSAGE_EOS))) return;
-    }
-}
-
 int fail_usb(RunScope& scope, GstMessage* message)
 {
     const ErrorReport report(message);
     VEL_LOG_ERROR("Error received from element %s: %s", source_name(message), report.text());
     VEL_LOG_ERROR("Debugging information: %s", report.debug());
-    if (has_streamed(message)) let_output_finish(scope);
+    if (has_streamed(message)) scope.let_output_finish();
     scope.release();
     VEL_LOG_ERROR("Pipeline failed.");
     return -1;

@@ -1,5 +1,7 @@
 // A stop loses nothing: what was recorded of a live camera is complete up to the last frame.
 #include "ConfigFile.h"
+#include "Platform.h"
+#include "StreamCall.h"
 #include "VideoFiles.h"
 #include "process.h"
 #include "rounds.h"
@@ -33,6 +35,26 @@ TEST(StopOfCameraRecording, LeavesAFileThatPlaysToTheLastFrameFiftyTimes)
         const long frames = frames_of(results[static_cast<std::size_t>(round)]);
         EXPECT_GE(frames, 1 + round % 20);
         EXPECT_EQ(probe_video(path_of(round)).frames, frames) << "round " << round;
+    }
+}
+
+TEST(CameraThatDies, LeavesARecordingThatPlaysToTheLastFrame)
+{
+    if (!Quorvis::VelStream::has_v4l2_codecs()) return; // rebuilt, it writes its file anew
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+        ASSERT_NE(camera.port(), 0);
+        const TemporaryFolder folder;
+        const std::string path = folder.file("recorded.mp4");
+        StreamCall call([&](FrameCallback& callback) {
+            return Quorvis::VelStream::start_stream_input_rtsp(
+                camera.url(), callback, Quorvis::VelStream::STREAM_TYPE_MP4, path, 0, 0, "recorded");
+        });
+        ASSERT_TRUE(call.wait_for_frames(20));
+        camera.kill_now();
+        ASSERT_TRUE(call.wait_for_end());
+        EXPECT_EQ(probe_video(path).frames, call.frames());
     }
 }
 

@@ -1,5 +1,6 @@
 #include "rounds.h"
 
+#include "RecordedLog.h"
 #include "StreamBuild.h"
 #include "StreamCall.h"
 #include "velstream.h"
@@ -68,6 +69,9 @@ int run_stream(StreamCall::Start start, int frames)
         if (!call.wait_for_end(kEndAfterStop)) return complain("the call goes on after the stop");
     } else if (!call.wait_for_end()) {
         return complain("the stream does not end");
+    }
+    for (const std::string& line : log_lines()) {
+        if (line.front() != 'I') std::fprintf(stderr, "round: %s\n", line.c_str());
     }
     std::printf("frames=%ld\nresult=%d\n", static_cast<long>(call.frames()), call.result().value_or(-100));
     std::fflush(stdout);

@@ -1,8 +1,10 @@
 // What a runner makes of the messages on its pipeline's bus.
+#include "ConfigFile.h"
 #include "LiveInput.h"
 #include "Platform.h"
 #include "RecordedLog.h"
 #include "StreamBuild.h"
+#include "VideoFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -20,6 +22,7 @@ using Quorvis::VelStream::pipeline_map;
 using Quorvis::VelStream::platform;
 using Quorvis::VelStream::running;
 using Quorvis::VelStream::StreamOutput;
+using Quorvis::VelStream::StreamOutputMp4sink;
 
 const char* const kExternalStop = "I start_ub2404: pipeline entered NULL because of external stop.";
 const char* const kToNull = "I start_ub2404: pipeline state changed READY -> NULL";
@@ -111,6 +114,20 @@ TEST_F(Messages, EndOfStreamAfterErrorsTellsTheAttempt)
         EXPECT_EQ(call.result(), -1);
         EXPECT_EQ(log_lines().back(), "E Pipeline failed after 5 attempts.") << "whatever the attempt";
     }
+}
+
+TEST_F(Messages, FailureOfASourceLeavesAWholeRecordingOnUb2404)
+{
+    if (platform() != "ub2404") return; // the others begin the file anew
+    const TemporaryFolder folder;
+    const std::string path = folder.file("recorded.mp4");
+    StreamCall call(live_stream("recorded", {.frames = 20}, std::make_shared<StreamOutputMp4sink>(path, 320, 240)),
+                    [](const Image& image) {
+                        if (image.frameIndex == 15) post_error(pipeline_of("recorded").get());
+                    });
+    ASSERT_TRUE(call.wait_for_end());
+    EXPECT_EQ(call.result(), -1);
+    EXPECT_EQ(probe_video(path).frames, 20);
 }
 
 TEST_F(Messages, PipelineGoneToNullEndsTheCallOnUb2404OnceRunningIsCleared)
