@@ -101,6 +101,31 @@ TEST_F(LiveTool, FailureBeforeTheStopIsAFailure)
     EXPECT_EQ(stderr_text().find("velstream: stream camera"), std::string::npos) << stderr_text();
 }
 
+TEST_F(LiveTool, PushesWhatItDraws)
+{
+    const std::string recorded = (folder_ / "recorded.mp4").string();
+    peers::RtspPeer server(RTSP_PEER, {"record", "--out", recorded});
+    ASSERT_NE(server.port(), 0);
+    write_clip(1,
+               R"(,{"streamsId": "pushed", "properties": {"networkPush": true, "width": 642, "height": 362, "fps": 25,
+                      "outputAddr": ")" +
+                   server.url() + "\"}}");
+    // GStreamer's sink may go on sending on a connection that it has closed, which GIO criticises.
+    const Output output = run_command("G_DEBUG= " + command("run pushed --json --frames 40 --draw-time") +
+                                      " --elements software 2>" + (folder_ / "stderr").string());
+    EXPECT_EQ(output.status, 0) << stderr_text();
+    EXPECT_EQ(parse_json(output.text)["frames"].asInt(), 40);
+    ASSERT_TRUE(server.read_until("eos"));
+    const Output last =
+        run_command("ffmpeg -v error -i " + recorded +
+                    " -vf \"select=eq(n\\,30),crop=480:40:20:20,format=rgb24\" -frames:v 1 -f rawvideo -");
+    ASSERT_EQ(last.text.size(), 480U * 40U * 3U);
+    int red = 0;
+    for (std::size_t i = 0; i < last.text.size(); i += 3)
+        red += static_cast<unsigned char>(last.text[i]) > 180 && static_cast<unsigned char>(last.text[i + 1]) < 80;
+    EXPECT_GT(red, 300);
+}
+
 class LiveToolSignal : public LiveTool, public testing::WithParamInterface<int> {};
 
 TEST_P(LiveToolSignal, EndsACameraWell)
