@@ -1,3 +1,4 @@
+#include "media.h"
 #include "tool_fixture.h"
 
 #include <array>
@@ -139,6 +140,33 @@ TEST_F(Tool, BrokenInputFailsWithItsCauseInTheLog)
         << stderr_text();
     EXPECT_NE(stderr_text().find(": This file is invalid and cannot be played.\n"), std::string::npos) << stderr_text();
     EXPECT_NE(stderr_text().find("start_ub2404: ERROR from"), std::string::npos);
+}
+
+TEST_F(Tool, InputWithNothingToPlayIsToldInOneSentence)
+{
+    const auto make = [&](const char* name, const char* codec, bool has_video) {
+        media::MediaSpec spec;
+        spec.codec = codec;
+        spec.width = 320;
+        spec.height = 180;
+        spec.frames = 20;
+        spec.has_video = has_video;
+        spec.has_audio = !has_video;
+        ASSERT_EQ(media::make_media(spec, (folder_ / name).string()), "");
+    };
+    make("sound.mp4", "h264", false);
+    make("h265.mp4", "h265", true);
+    const auto entry = [&](const std::string& id) {
+        return R"(,{"streamsId": ")" + id + R"(", "properties": {"inputType": "file", "inputAddr": ")" +
+               (folder_ / (id + ".mp4")).string() + R"(", "decodeType": "H264"}})";
+    };
+    write_clip(1, entry("sound") + entry("h265"));
+    EXPECT_EQ(run_software("run sound --log-level none").status, 1);
+    EXPECT_EQ(stderr_text(), "velstream: stream sound failed before its first frame: qtdemux0: The file has no H.264 "
+                             "or H.265 video.\n");
+    EXPECT_EQ(run_software("run h265 --log-level none").status, 1);
+    EXPECT_EQ(stderr_text(), "velstream: stream h265 failed before its first frame: qtdemux0: The file's video is of "
+                             "another codec than the entry's \"decodeType\".\n");
 }
 
 TEST_F(Tool, ListIsATableOfTheStreams)

@@ -18,7 +18,7 @@ constexpr const char* kHook = "element-post-message-pre";
 
 using Clock = std::chrono::steady_clock;
 
-/// One trouble makes several elements report, and the first one knows the cause.
+/// One trouble makes several elements report, and the first one knows the cause, be it with a warning.
 constexpr std::chrono::seconds kBurst{1};
 
 // Written by whatever thread posts, read at a stream's end; they live as long as the process, as the hook does.
@@ -62,7 +62,10 @@ std::string pipeline_name(GstObject* source)
 std::string error_text(GstMessage* message)
 {
     GError* error = nullptr;
-    gst_message_parse_error(message, &error, nullptr);
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
+        gst_message_parse_error(message, &error, nullptr);
+    else
+        gst_message_parse_warning(message, &error, nullptr);
     std::string text = error ? error->message : "unknown error";
     g_clear_error(&error);
     while (!text.empty() && (text.back() == '.' || text.back() == '\n'))
@@ -72,7 +75,8 @@ std::string error_text(GstMessage* message)
 
 void on_message(GObject*, GstClockTime, GstElement*, GstMessage* message)
 {
-    if (!message || GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR || !GST_MESSAGE_SRC(message)) return;
+    if (!message || !(GST_MESSAGE_TYPE(message) & (GST_MESSAGE_ERROR | GST_MESSAGE_WARNING))) return;
+    if (!GST_MESSAGE_SRC(message)) return;
     const std::string text = name_of(GST_MESSAGE_SRC(message)) + ": " + error_text(message);
     const std::string stream = pipeline_name(GST_MESSAGE_SRC(message));
     const std::lock_guard lock(errors_mutex());

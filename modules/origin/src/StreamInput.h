@@ -48,6 +48,13 @@ CapsPtr structured_caps(GstPad* pad);
 /// True when a demuxer's new pad carries H.264 or H.265.
 bool carries_h264_or_h265(GstPad* pad);
 
+/// True when one of an element's source pads is accepted.
+bool has_source_pad(GstElement* element, bool (*accepts)(GstPad*));
+
+/// Says why an input has nothing to play, in the log and as a warning of `element` on the bus. What follows there, a
+/// data stream error of the element, ends the stream and does not know the cause. Nothing for a null element.
+void tell_unplayable(GstElement* element, const char* cause);
+
 /// Hook on the depayloader of an RTSP input; lets every buffer pass.
 GstPadProbeReturn pad_probe_cb(GstPad* pad, GstPadProbeInfo* info, void* user_data);
 

@@ -18,6 +18,16 @@ ElementPtr make_logged_parser(const std::string& codec)
     return make_parser(codec);
 }
 
+void on_no_more_pads(GstElement* demux, GstElement* queue)
+{
+    const PadPtr sink(gst_element_get_static_pad(queue, "sink"));
+    if (gst_pad_is_linked(sink.get())) return;
+    if (has_source_pad(demux, carries_h264_or_h265))
+        tell_unplayable(demux, "The file's video is of another codec than the entry's \"decodeType\".");
+    else
+        tell_unplayable(demux, "The file has no H.264 or H.265 video.");
+}
+
 } // namespace
 
 GstElement* StreamInputFile::build()
@@ -39,6 +49,8 @@ GstElement* StreamInputFile::build()
                      {parser.get(), decoder.get(), "Failed to link h26xparse and videoconvert. Exiting."}}))
         return nullptr;
     g_signal_connect_data(demux.get(), "pad-added", G_CALLBACK(cb_qtdemux_pad_added), queue.get(), nullptr,
+                          GConnectFlags{});
+    g_signal_connect_data(demux.get(), "no-more-pads", G_CALLBACK(on_no_more_pads), queue.get(), nullptr,
                           GConnectFlags{});
     createSrcPad(bin.get(), decoder.get());
     return bin.release();

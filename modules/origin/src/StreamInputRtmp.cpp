@@ -6,6 +6,20 @@
 
 namespace Quorvis::VelStream {
 
+namespace {
+
+/// The first data of a track that nothing is linked to: the demuxer ends the stream for it unless video came before.
+GstPadProbeReturn on_ignored_data(GstPad* pad, GstPadProbeInfo*, gpointer queue)
+{
+    const PadPtr sink(gst_element_get_static_pad(GST_ELEMENT(queue), "sink"));
+    const ElementPtr demux(gst_pad_get_parent_element(pad));
+    if (!gst_pad_is_linked(sink.get()))
+        tell_unplayable(demux.get(), "The server sends sound before any video, or no video at all.");
+    return GST_PAD_PROBE_REMOVE;
+}
+
+} // namespace
+
 GstElement* StreamInputRtmp::build()
 {
     ElementPtr bin(gst_bin_new(bin_name_.c_str())); // floating on purpose
@@ -30,18 +44,21 @@ GstElement* StreamInputRtmp::build()
     return bin.release();
 }
 
-void cb_flvdemux_pad_added(GstElement*, GstPad* pad, GstElement* queue)
+void cb_flvdemux_pad_added(GstElement* demux, GstPad* pad, GstElement* queue)
 {
     const PadPtr sink(gst_element_get_static_pad(queue, "sink"));
     if (gst_pad_is_linked(sink.get())) return;
     if (!carries_h264_or_h265(pad)) {
         VEL_LOG_INFO("Pad added, but type is not video/x-h264 or video/x-h265, skipping.\n");
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, on_ignored_data, gst_object_ref(queue), gst_object_unref);
         return;
     }
-    if (GST_PAD_LINK_FAILED(gst_pad_link(pad, sink.get())))
+    if (GST_PAD_LINK_FAILED(gst_pad_link(pad, sink.get()))) {
         VEL_LOG_ERROR("Failed to link new pad (video) to queue. Exiting.\n");
-    else
-        VEL_LOG_INFO("Successfully linked new pad (video) to queue.\n");
+        tell_unplayable(demux, "The server's video is of another codec than the entry's \"decodeType\".");
+        return;
+    }
+    VEL_LOG_INFO("Successfully linked new pad (video) to queue.\n");
 }
 
 } // namespace Quorvis::VelStream

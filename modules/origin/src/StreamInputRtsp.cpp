@@ -72,7 +72,7 @@ void announce_media(const std::string& media, const GstStructure* structure)
     }
 }
 
-void link_video(GstPad* pad, GstElement* depay)
+void link_video(GstElement* source, GstPad* pad, GstElement* depay)
 {
     VEL_LOG_INFO("Linking application/x-rtp and media type is video.");
     const PadPtr sink(gst_element_get_static_pad(depay, "sink"));
@@ -81,10 +81,24 @@ void link_video(GstPad* pad, GstElement* depay)
         return;
     }
     const GstPadLinkReturn result = gst_pad_link(pad, sink.get());
-    if (GST_PAD_LINK_FAILED(result))
+    if (GST_PAD_LINK_FAILED(result)) {
         VEL_LOG_ERROR("Failed to link pads: %s.", gst_pad_link_get_name(result));
-    else
-        VEL_LOG_INFO("Pad linked successfully.\n");
+        tell_unplayable(source, "The camera's video is of another codec than the entry's \"decodeType\".");
+        return;
+    }
+    VEL_LOG_INFO("Pad linked successfully.\n");
+}
+
+bool carries_video(GstPad* pad)
+{
+    const CapsPtr caps = structured_caps(pad);
+    if (!caps) return false;
+    return g_strcmp0(gst_structure_get_string(gst_caps_get_structure(caps.get(), 0), "media"), "video") == 0;
+}
+
+void on_no_more_pads(GstElement* source, gpointer)
+{
+    if (!has_source_pad(source, carries_video)) tell_unplayable(source, "The camera sends no video.");
 }
 
 } // namespace
@@ -108,11 +122,12 @@ GstElement* StreamInputRtsp::build()
         return nullptr;
     g_signal_connect_data(source.get(), "pad-added", G_CALLBACK(cb_rtspsrc_pad_added), depay.get(), nullptr,
                           GConnectFlags{});
+    g_signal_connect_data(source.get(), "no-more-pads", G_CALLBACK(on_no_more_pads), nullptr, nullptr, GConnectFlags{});
     createSrcPad(bin.get(), decoder.get());
     return bin.release();
 }
 
-void cb_rtspsrc_pad_added(GstElement*, GstPad* pad, GstElement* depay)
+void cb_rtspsrc_pad_added(GstElement* src, GstPad* pad, GstElement* depay)
 {
     // Kept: the text names another element.
     VEL_LOG_INFO("cb_uridecodebin_pad_added called.");
@@ -140,7 +155,7 @@ void cb_rtspsrc_pad_added(GstElement*, GstPad* pad, GstElement* depay)
     VEL_LOG_INFO("rtsp Structure name: %s\n", name);
     const bool is_rtp = g_str_has_prefix(name, "application/x-rtp") || g_str_has_prefix(name, "application/x-rdt");
     if (g_str_equal(media, "video") && is_rtp)
-        link_video(pad, depay);
+        link_video(src, pad, depay);
     else
         VEL_LOG_INFO("This stream is not video.");
 }

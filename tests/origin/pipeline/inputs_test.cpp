@@ -10,6 +10,8 @@ namespace velstream::testing {
 
 namespace {
 
+constexpr const char* kOtherCodec = "The file's video is of another codec than the entry's \"decodeType\".";
+
 class BadFile : public Playback {
 protected:
     /// Plays it; the call must come back, with -1, without a frame, and an error line must hold `cause`.
@@ -114,17 +116,17 @@ TEST_F(BadFile, WithSoundOnlyEndsWithAFailure)
     media::MediaSpec spec = small_video();
     spec.has_video = false;
     spec.has_audio = true;
-    expect_failure(make(spec), "not-linked");
+    expect_failure(make(spec), "The file has no H.264 or H.265 video.");
 }
 
 TEST_F(BadFile, OfH265DeclaredH264EndsWithAFailure)
 {
-    expect_failure(make(small_video("h265")), "not-linked", "H264");
+    expect_failure(make(small_video("h265")), kOtherCodec, "H264");
 }
 
 TEST_F(BadFile, OfH264DeclaredH265EndsWithAFailure)
 {
-    expect_failure(make(small_video()), "not-linked", "H265");
+    expect_failure(make(small_video()), kOtherCodec, "H265");
 }
 
 TEST_F(BadFile, WithDamagedPicturesEndsInBoundedTime)
