@@ -4,6 +4,8 @@
 #include <gst/app/gstappsrc.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <malloc.h>
 
 namespace {

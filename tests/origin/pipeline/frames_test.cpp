@@ -2,6 +2,8 @@
 #include "FilePlayback.h"
 #include "RecordedLog.h"
 
+#include <algorithm>
+
 namespace velstream::testing {
 
 namespace {
