@@ -4,6 +4,7 @@
 
 #include <png.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -17,9 +18,27 @@ constexpr int kMostPictures = 100;
 constexpr int64_t kFramesApart = 30;
 constexpr std::size_t kMostWaiting = 4; // 1080p: 6 MB each
 
-std::size_t bytes_of(int width, int height)
+std::size_t row_bytes(int width)
 {
-    return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
+    return static_cast<std::size_t>(width) * 3;
+}
+
+/// Bytes from one row to the next: a device may pad its rows.
+std::size_t stride_of(const Quorvis::VelStream::Image& image)
+{
+    return row_bytes(std::max(image.width, image.alignedWidth));
+}
+
+/// The visible part in rows without padding.
+std::vector<uint8_t> tight_rows(const Quorvis::VelStream::Image& image)
+{
+    std::vector<uint8_t> rgb;
+    rgb.reserve(row_bytes(image.width) * static_cast<std::size_t>(image.height));
+    for (int y = 0; y < image.height; ++y) {
+        const uint8_t* row = image.data + static_cast<std::size_t>(y) * stride_of(image);
+        rgb.insert(rgb.end(), row, row + row_bytes(image.width));
+    }
+    return rgb;
 }
 
 void write_png(const std::filesystem::path& path, int width, int height, const uint8_t* rgb)
@@ -72,7 +91,7 @@ Snapshots::~Snapshots()
 bool Snapshots::is_due(const Quorvis::VelStream::Image& image, int64_t number) const
 {
     return taken_ < kMostPictures && number >= next_frame_ && image.width > 0 && image.height > 0 &&
-           image.size >= bytes_of(image.width, image.height);
+           image.size >= stride_of(image) * static_cast<std::size_t>(image.height);
 }
 
 void Snapshots::offer(const Quorvis::VelStream::Image& image, int64_t number)
@@ -82,10 +101,7 @@ void Snapshots::offer(const Quorvis::VelStream::Image& image, int64_t number)
     ++taken_;
     char suffix[32];
     std::snprintf(suffix, sizeof suffix, "-%06lld.png", static_cast<long long>(number));
-    Picture picture{folder_ / (file_prefix_ + suffix),
-                    image.width,
-                    image.height,
-                    {image.data, image.data + bytes_of(image.width, image.height)}};
+    Picture picture{folder_ / (file_prefix_ + suffix), image.width, image.height, tight_rows(image)};
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return waiting_.size() < kMostWaiting; });
     waiting_.push_back(std::move(picture));
