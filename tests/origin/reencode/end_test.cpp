@@ -42,7 +42,7 @@ TEST_F(EndOfReencoder, ByTheFlagIsWholeTwentyTimes)
         StreamCall call(described_stream(saved_stream("cam", path(round), 320, 240, 50)), painter());
         ASSERT_TRUE(call.wait_for_frames(1 + round % 5));
         running = false;
-        ASSERT_TRUE(call.wait_for_end(kEndAfterStop));
+        ASSERT_TRUE(call.wait_for_end());
         EXPECT_EQ(call.result(), 0);
         expect_whole(path(round), call.frames(), call.frames());
     }
@@ -56,7 +56,7 @@ TEST_F(EndOfReencoder, ByASignalIsWholeTwentyTimes)
         StreamCall call(described_stream(saved_stream("cam", path(round), 320, 240, 50)), painter());
         ASSERT_TRUE(call.wait_for_frames(2 + round % 5));
         std::raise(SIGINT);
-        ASSERT_TRUE(call.wait_for_end(kEndAfterStop));
+        ASSERT_TRUE(call.wait_for_end());
         EXPECT_EQ(call.result(), 0);
         // What waits in the source is kept; the frame that was being drawn may have come too late.
         expect_whole(path(round), call.frames() - 1, call.frames());
@@ -133,7 +133,7 @@ TEST_F(EndOfReencoder, WithASlowRateDoesNotWaitForTheNextFrame)
     StreamCall call(described_stream(saved_stream("cam", path(0), 320, 240, 1)), painter());
     ASSERT_TRUE(call.wait_for_frames(1));
     running = false;
-    ASSERT_TRUE(call.wait_for_end(kEndAfterStop));
+    ASSERT_TRUE(call.wait_for_end());
     expect_whole(path(0), 1, 1);
 }
 
