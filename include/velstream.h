@@ -249,6 +249,17 @@ int v4l2_get_mat(cv::Mat& out, Image image);
 /// The same without the crop: `out` has the padded size.
 int v4l2_get_mat_ori(cv::Mat& out, Image image);
 
+/**
+ * Joins segments of a rolling recording (a stream with "rollingsave") into one video: runs
+ * "python3 /usr/local/bin/concate_video.py" with these options on a thread of its own, once seconds + 5 seconds have
+ * passed. What comes of it is seen in the log and in the file.
+ * @param args     the script's options, such as "--last 30 --output /tmp/out.mp4"; they go to a shell as they are, so
+ *                 never pass on text from elsewhere.
+ * @param seconds  how much is to be recorded yet; below -4: at once.
+ * @return 0, always, and at once.
+ */
+int get_rolling_save_video(std::string stream_id, std::string args, int seconds);
+
 /// Always -1, whatever is running.
 int get_stream_status();
 

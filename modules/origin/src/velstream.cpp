@@ -6,6 +6,7 @@
 #include "StreamBuildReencode.h"
 #include "StreamBuildUsb.h"
 #include "StreamCommon.h"
+#include "StreamRollingSave.h"
 #include "velstreamFrames.h"
 
 #include <exception>
@@ -152,7 +153,10 @@ std::optional<int> start_special_stream(StreamIns& ins, const std::string& strea
 {
     if (ins.inputType == "splice") return start_splice_stream(stream_id, callback);
     if (reads_file && ins.audio) return refuse_kind("audio", stream_id);
-    if (reads_file && ins.rollingsave) return refuse_kind("rollingsave", stream_id);
+    if (reads_file && ins.rollingsave) {
+        VEL_LOG_INFO("Start rolling save. stream_id :%s", stream_id.c_str());
+        return start_rolling_save(stream_id);
+    }
     if (ins.saveMp4) return start_mp4_output(ins, stream_id, reads_file, callback);
     if (ins.networkPush) return start_network_output(ins, reads_file, callback);
     return std::nullopt;

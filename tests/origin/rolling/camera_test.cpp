@@ -1,0 +1,170 @@
+// Recording a camera: what is on the disk when the recording ends, however it ends.
+#include "Elements.h"
+#include "RecordedLog.h"
+#include "Segments.h"
+#include "StreamBuild.h"
+#include "StreamBuildRegistry.h"
+#include "StreamRollingSave.h"
+#include "process.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+
+using namespace Quorvis::VelStream;
+
+namespace velstream::testing {
+
+namespace {
+
+using RecordedCamera = WithGStreamer;
+
+void expect_recording(const std::string& codec, const std::string& camera_codec)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live", "--codec", camera_codec});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url(), codec));
+    StreamCall call(configured_stream("cam"));
+    EXPECT_TRUE(wait_for_segments("cam", 3));
+    EXPECT_TRUE(stop_ends_call(call, "cam"));
+    EXPECT_EQ(call.result(), 0);
+    EXPECT_GE(segments_of("cam").size(), 3U);
+    expect_complete(segments_of("cam"), camera_codec == "h265" ? "hevc" : "h264");
+}
+
+} // namespace
+
+TEST_F(RecordedCamera, OfH264LeavesCompleteSegmentsWhenItIsStopped)
+{
+    expect_recording("H264", "h264");
+}
+
+TEST_F(RecordedCamera, OfH265LeavesCompleteSegmentsWhenItIsStopped)
+{
+    expect_recording("H265", "h265");
+}
+
+TEST_F(RecordedCamera, IsRemuxedWithoutADecoderIntoARingOf100)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    ASSERT_TRUE(wait_for_segments("cam", 1));
+    const ElementPtr pipeline = last_started_pipeline();
+    ASSERT_TRUE(pipeline);
+    EXPECT_EQ(factories_in(pipeline.get()),
+              (std::vector<std::string>{"capsfilter", "h264parse", "rtph264depay", "rtspsrc", "splitmuxsink"}));
+    const ElementPtr sink = child(pipeline.get(), "rec");
+    ASSERT_TRUE(sink);
+    EXPECT_EQ(text_of(sink.get(), "location"), "/tmp/rolling/cam/%05d.mp4");
+    EXPECT_EQ(number_of(sink.get(), "max-files"), 100);
+    EXPECT_EQ(number_of(sink.get(), "async-finalize"), 1);
+    guint64 duration = 0;
+    g_object_get(sink.get(), "max-size-time", &duration, nullptr);
+    EXPECT_EQ(duration, 2000000000U);
+    EXPECT_TRUE(stop_ends_call(call, "cam"));
+}
+
+TEST_F(RecordedCamera, EndsAtSigintWithACompleteLastSegment)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    EXPECT_TRUE(wait_for_segments("cam", 2));
+    std::raise(SIGINT);
+    EXPECT_TRUE(call.wait_for_end());
+    EXPECT_EQ(call.result(), 0);
+    EXPECT_EQ(log_count("I Received SIGINT signal, will send EOS to pipeline."), 1);
+    EXPECT_EQ(log_count("W Sending EOS to pipeline completed."), 1);
+    EXPECT_EQ(log_count("I EOS received.\n"), 1);
+    expect_complete(segments_of("cam"));
+}
+
+TEST_F(RecordedCamera, WhoseServerIsGoneEndsTheCallAndItsClosedSegmentsPlay)
+{
+    peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    EXPECT_TRUE(wait_for_segments("cam", 3));
+    camera.kill_now();
+    EXPECT_TRUE(call.wait_for_end());
+    EXPECT_EQ(call.result(), 0);
+    std::vector<std::string> segments = segments_of("cam");
+    ASSERT_GE(segments.size(), 3U);
+    expect_complete(segments);
+}
+
+TEST_F(RecordedCamera, WhoseServerStallsIsStoppedAllTheSame)
+{
+    peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    EXPECT_TRUE(wait_for_segments("cam", 2));
+    camera.pause();
+    EXPECT_TRUE(stop_ends_call(call, "cam"));
+    EXPECT_EQ(call.result(), 0);
+    expect_complete(segments_of("cam"));
+    camera.resume();
+}
+
+TEST_F(RecordedCamera, ThatNeverAnswersEndsAtSigint)
+{
+    peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    camera.pause();
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    ASSERT_TRUE(wait_for_log("I Pipeline PLAYING. Press Ctrl+C to quit.\n"));
+    std::raise(SIGINT);
+    EXPECT_TRUE(call.wait_for_end());
+    EXPECT_EQ(call.result(), 0);
+    camera.resume();
+}
+
+TEST_F(RecordedCamera, StartedAgainHasOnlyNewSegments)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    {
+        StreamCall call(configured_stream("cam"));
+        EXPECT_TRUE(wait_for_segments("cam", 3));
+        EXPECT_TRUE(stop_ends_call(call, "cam"));
+    }
+    StreamCall call(configured_stream("cam"));
+    ASSERT_TRUE(wait_for_log("I Pipeline PLAYING. Press Ctrl+C to quit.\n"));
+    EXPECT_LE(segments_of("cam").size(), 1U);
+    EXPECT_TRUE(wait_for_segments("cam", 1));
+    EXPECT_TRUE(stop_ends_call(call, "cam"));
+    EXPECT_EQ(call.result(), 0);
+}
+
+TEST_F(RecordedCamera, EndsWithoutTheOtherOneByItsId)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const std::string properties =
+        R"({"inputType": "rtsp", "inputAddr": ")" + camera.url() + R"(", "rollingsave": true})";
+    const ConfigFile config(R"({"streams": [{"streamsId": "a", "properties": )" + properties +
+                            R"(}, {"streamsId": "b", "properties": )" + properties + "}]}");
+    StreamCall a(configured_stream("a"));
+    EXPECT_TRUE(wait_for_segments("a", 1));
+    StreamCall b(configured_stream("b"));
+    EXPECT_TRUE(wait_for_segments("b", 1));
+    EXPECT_TRUE(stop_ends_call(a, "a"));
+    EXPECT_FALSE(b.has_ended());
+    EXPECT_NE(g_loop, nullptr);
+    EXPECT_TRUE(wait_for_segments("b", 2));
+    std::raise(SIGINT);
+    EXPECT_TRUE(b.wait_for_end());
+    expect_complete(segments_of("a"));
+    expect_complete(segments_of("b"));
+    EXPECT_EQ(g_loop, nullptr);
+}
+
+} // namespace velstream::testing
