@@ -136,6 +136,7 @@ TEST_F(RecordedCamera, StartedAgainHasOnlyNewSegments)
         EXPECT_TRUE(wait_for_segments("cam", 3));
         EXPECT_TRUE(stop_ends_call(call, "cam"));
     }
+    clear_log();
     StreamCall call(configured_stream("cam"));
     ASSERT_TRUE(wait_for_log("I Pipeline PLAYING. Press Ctrl+C to quit.\n"));
     EXPECT_LE(segments_of("cam").size(), 1U);

@@ -161,25 +161,13 @@ TEST_F(RollingSave, MissingElementIsNotBuilt)
     EXPECT_TRUE(log_has("E Pipeline build error: no element \"rtph264depay\"\n"));
 }
 
-TEST_F(RollingSave, MissingPropertyIsAWarningAndAnErrorEndsTheCallWith0)
-{
-    // A source without "latency" and "protocols", whose file is absent.
-    const ConfigFile config(recorded_entry("rtsp", "/absent/video.h264"));
-    const ElementStandIn source("rtspsrc", "filesrc");
-    const ElementStandIn depayloader("rtph264depay", "identity");
-    EXPECT_EQ(start_rolling_save("cam"), 0);
-    for (const auto& l : log_lines()) std::puts(l.c_str());
-    EXPECT_TRUE(has_line_with("E Parse warning: no property \"latency\""));
-    EXPECT_TRUE(log_has("I Pipeline PLAYING. Press Ctrl+C to quit.\n"));
-    EXPECT_TRUE(has_line_with("E ERROR from "));
-    EXPECT_TRUE(has_line_with("E debug: "));
-}
-
 TEST_F(RollingSave, CameraThatIsOffEndsTheCallWith0)
 {
     const ConfigFile config(recorded_entry("rtsp", "rtsp://127.0.0.1:1/a"));
     EXPECT_EQ(start_rolling_save("cam"), 0);
+    EXPECT_TRUE(log_has("I Pipeline PLAYING. Press Ctrl+C to quit.\n"));
     EXPECT_TRUE(has_line_with("E ERROR from rtspsrc0: "));
+    EXPECT_TRUE(has_line_with("E debug: "));
     EXPECT_EQ(pipeline_map.at("cam"), nullptr);
     EXPECT_EQ(g_loop, nullptr);
 }
