@@ -111,6 +111,42 @@ ElementPtr make_pipeline(const StreamProperty& property, const std::string& stre
     return pipeline;
 }
 
+// ---- Time stamps ----
+
+/// A parser that gets two pictures under one time stamp hands out the second without any, and the muxer would end the
+/// recording over it. Such a picture is put right behind the one before.
+class MissingTimes {
+public:
+    void fill(GstPadProbeInfo* info)
+    {
+        auto* buffer = static_cast<GstBuffer*>(info->data);
+        if (!GST_BUFFER_PTS_IS_VALID(buffer)) {
+            buffer = gst_buffer_make_writable(buffer);
+            info->data = buffer;
+            GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS_IS_VALID(buffer) ? GST_BUFFER_DTS(buffer) : last_ + GST_MSECOND;
+        }
+        last_ = GST_BUFFER_PTS(buffer);
+    }
+
+private:
+    GstClockTime last_ = 0;
+};
+
+GstPadProbeReturn fill_missing_time(GstPad*, GstPadProbeInfo* info, gpointer times)
+{
+    static_cast<MissingTimes*>(times)->fill(info);
+    return GST_PAD_PROBE_OK;
+}
+
+void fill_missing_times(GstElement* pipeline)
+{
+    const ElementPtr sink(gst_bin_get_by_name(GST_BIN(pipeline), "rec"));
+    const PadPtr pad(sink ? gst_element_get_static_pad(sink.get(), "video") : nullptr);
+    if (!pad) return;
+    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, fill_missing_time, new MissingTimes,
+                      [](gpointer times) { delete static_cast<MissingTimes*>(times); });
+}
+
 // ---- SIGINT ----
 
 /// How often SIGINT has come. All that the handler does is count: what it interrupts may hold any lock, GStreamer's and
@@ -282,6 +318,7 @@ int start_rolling_save(std::string stream_id)
     get_configuration_properties(stream_id, property); // without an entry the defaults stand
     ElementPtr pipeline = make_pipeline(property, stream_id);
     if (!pipeline) return -1;
+    fill_missing_times(pipeline.get());
     register_pipeline(stream_id, pipeline.get());
     PiplineData data;
     data.streamId = stream_id;

@@ -20,13 +20,22 @@ namespace {
 
 using RecordedCamera = WithGStreamer;
 
+/// What the library said last, for a recording that ended too early.
+std::string last_lines()
+{
+    std::string text;
+    for (const std::string& line : log_lines())
+        text += line + "\n";
+    return text;
+}
+
 void expect_recording(const std::string& codec, const std::string& camera_codec)
 {
     const peers::RtspPeer camera(RTSP_PEER, {"play", "--live", "--codec", camera_codec});
     ASSERT_NE(camera.port(), 0);
     const ConfigFile config(recorded_entry("rtsp", camera.url(), codec));
     StreamCall call(configured_stream("cam"));
-    EXPECT_TRUE(wait_for_segments("cam", 3));
+    EXPECT_TRUE(wait_for_segments("cam", 3)) << last_lines();
     EXPECT_TRUE(stop_ends_call(call, "cam"));
     EXPECT_EQ(call.result(), 0);
     EXPECT_GE(segments_of("cam").size(), 3U);
@@ -43,6 +52,36 @@ TEST_F(RecordedCamera, OfH264LeavesCompleteSegmentsWhenItIsStopped)
 TEST_F(RecordedCamera, OfH265LeavesCompleteSegmentsWhenItIsStopped)
 {
     expect_recording("H265", "h265");
+}
+
+TEST_F(RecordedCamera, WhosePicturesLackATimeIsRecordedAllTheSame)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    ASSERT_TRUE(wait_for_segments("cam", 1));
+    const ElementPtr pipeline = last_started_pipeline();
+    ASSERT_TRUE(pipeline);
+    const ElementPtr sink = child(pipeline.get(), "rec");
+    const PadPtr pad(gst_element_get_static_pad(sink.get(), "video"));
+    ASSERT_TRUE(pad);
+    const PadPtr source(gst_pad_get_peer(pad.get()));
+    ASSERT_TRUE(source);
+    gst_pad_add_probe(
+        source.get(), GST_PAD_PROBE_TYPE_BUFFER,
+        [](GstPad*, GstPadProbeInfo* info, gpointer) {
+            auto* buffer = gst_buffer_make_writable(static_cast<GstBuffer*>(info->data));
+            info->data = buffer;
+            if (GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT))
+                GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS(buffer) = GST_CLOCK_TIME_NONE;
+            return GST_PAD_PROBE_OK;
+        },
+        nullptr, nullptr);
+    EXPECT_TRUE(wait_for_segments("cam", 3)) << last_lines();
+    EXPECT_TRUE(stop_ends_call(call, "cam"));
+    EXPECT_EQ(call.result(), 0);
+    EXPECT_FALSE(log_has("E ERROR from muxer: Could not multiplex stream.\n")) << last_lines();
 }
 
 TEST_F(RecordedCamera, IsRemuxedWithoutADecoderIntoARingOf100)
