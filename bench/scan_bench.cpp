@@ -1,5 +1,5 @@
 // The scan for NAL units against one that goes byte by byte: bytes a second on one long unit.
-#include "velstream.h"
+#include "plain_scan.h"
 
 #include <benchmark/benchmark.h>
 
@@ -8,6 +8,7 @@
 #include <vector>
 
 using namespace Quorvis::VelStream;
+using velstream::testing::plain_scan;
 
 namespace {
 
@@ -41,32 +42,6 @@ Bytes start_codes_only(std::size_t size)
     for (std::size_t i = 0; i < size; ++i)
         bytes[i] = Bytes{0, 0, 1, 2, 1}[i % 5];
     return bytes;
-}
-
-HevcAuInfo plain_scan(const std::uint8_t* data, std::size_t size)
-{
-    HevcAuInfo info{};
-    for (std::size_t i = 0; i + 4 < size;) {
-        std::size_t header = 0;
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
-            header = i + 3;
-        } else if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 0 && data[i + 3] == 1) {
-            header = i + 4;
-        } else {
-            ++i;
-            continue;
-        }
-        if (header + 2 > size) break;
-        const unsigned type = (data[header] >> 1U) & 0x3FU;
-        info.has_vps |= type == 32;
-        info.has_sps |= type == 33;
-        info.has_pps |= type == 34;
-        info.has_vcl |= type < 32;
-        info.is_irap |= type >= 16 && type <= 21;
-        if (size <= header + 7) break;
-        i = header + 2;
-    }
-    return info;
 }
 
 template <HevcAuInfo (*Scan)(const unsigned char*, unsigned long), Bytes (*Make)(std::size_t)>

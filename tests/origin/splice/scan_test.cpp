@@ -1,5 +1,5 @@
 #include "AccessUnits.h"
-#include "velstream.h"
+#include "plain_scan.h"
 
 #include <gtest/gtest.h>
 
@@ -28,34 +28,9 @@ std::string scan(const Bytes& bytes)
     return text_of(parse_hevc_au_info_splice(copy.get(), bytes.size()));
 }
 
-/// One byte after the other, both start codes by name.
-std::string plain_scan(const Bytes& data)
+std::string plain_scan(const Bytes& bytes)
 {
-    HevcAuInfo info{};
-    const std::size_t size = data.size();
-    if (size <= 5) return text_of(info);
-    for (std::size_t i = 0;;) {
-        std::size_t header = 0;
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
-            header = i + 3;
-        } else if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 0 && i + 4 < size && data[i + 3] == 1) {
-            header = i + 4;
-        } else {
-            if (i + 4 >= size) break;
-            ++i;
-            continue;
-        }
-        if (header + 2 > size) break;
-        const unsigned type = (data[header] >> 1U) & 0x3FU;
-        info.has_vps |= type == 32;
-        info.has_sps |= type == 33;
-        info.has_pps |= type == 34;
-        info.has_vcl |= type < 32;
-        info.is_irap |= type >= 16 && type <= 21;
-        if (size <= header + 7) break;
-        i = header + 2;
-    }
-    return text_of(info);
+    return text_of(velstream::testing::plain_scan(bytes.data(), bytes.size()));
 }
 
 /// Every buffer of a length over an alphabet.
