@@ -64,8 +64,15 @@ int start_ub2404(PiplineData* data, GstElement* input, GstElement* output);  ///
  */
 void send_eos(const std::string& stream_id);
 
-/// SIGINT handler: clears `running` and sends the end of stream to the last started pipeline.
+/**
+ * SIGINT handler: clears `running` and sends the end of stream to the last started pipeline. Where
+ * install_sigint_handler() was called, a thread of the library's does the sending and the handler waits 0.2 s for it at
+ * most; elsewhere it is done on the calling thread, and is not for signal context.
+ */
 void handle_sigint(int signal);
+
+/// Makes handle_sigint() the process's SIGINT handler, and starts the thread that works for it (once).
+void install_sigint_handler();
 
 // Frame taps; the user data is the stream's PiplineData. They run on a streaming thread and always let the buffer pass.
 GstPadProbeReturn on_buffer_received(GstPad* pad, GstPadProbeInfo* info, void* user_data);

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -359,7 +358,7 @@ int start_output(StreamProperty& property, Target target, const FrameCallback& c
                  property.fps);
     set_vendor_plugin_environment();
     gst_init(nullptr, nullptr);
-    std::signal(SIGINT, handle_sigint);
+    install_sigint_handler();
     const int32_t fps = choose_frame_rate(property.fps);
     if (fps <= 0) {
         VEL_LOG_ERROR("A frame rate of %d is not possible. stream_id: %s", fps, property.streamsId.c_str());

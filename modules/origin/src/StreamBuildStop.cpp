@@ -79,14 +79,4 @@ void send_eos(const std::string& stream_id)
         finish_stop(targets);
 }
 
-void handle_sigint(int)
-{
-    running.store(false, std::memory_order_release);
-    const ElementPtr pipeline = last_started_pipeline();
-    if (!pipeline) return;
-    VEL_LOG_INFO("Received SIGINT signal, will send EOS to pipeline.");
-    send_end_of_stream(pipeline.get());
-    VEL_LOG_WARN("Sending EOS to pipeline completed.");
-}
-
 } // namespace Quorvis::VelStream

@@ -64,6 +64,25 @@ TEST_F(EndOfReencoder, ByASignalIsWholeTwentyTimes)
     }
 }
 
+/// A signal interrupts any thread anywhere. What it holds then must not be waited for: it is not let go meanwhile.
+TEST_F(EndOfReencoder, ByASignalToAThreadThatHoldsThePipelineIsWhole)
+{
+    int number = 0;
+    StreamCall call(described_stream(saved_stream("cam", path(0), 320, 240, 50)),
+                    [&, draw = painter()](const Image& image) {
+                        draw(image);
+                        if (++number != 3) return;
+                        GstElement* pipeline = pipeline_map["cam_mp4"];
+                        GST_OBJECT_LOCK(pipeline);
+                        std::raise(SIGINT);
+                        GST_OBJECT_UNLOCK(pipeline);
+                    });
+    ASSERT_TRUE(call.wait_for_end());
+    EXPECT_EQ(call.result(), 0);
+    expect_whole(path(0), call.frames() - 1, call.frames());
+    EXPECT_EQ(log_count("W Sending EOS to pipeline completed."), 1);
+}
+
 TEST_F(EndOfReencoder, ByAFailedPushIsWholeTwentyTimes)
 {
     for (int round = 0; round < kRounds; ++round) {
