@@ -21,6 +21,19 @@ if(VELSTREAM_WERROR)
 endif()
 # __FILE__ is relative to the repository: log lines name a module's path, never a build machine's.
 add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
+# What is installed is hardened as the distributions harden their own packages; packaging/hardening.sh looks at it.
+include(CheckPIESupported)
+check_pie_supported()
+if(CMAKE_BUILD_TYPE STREQUAL Release AND NOT VELSTREAM_SANITIZER)
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection -Wformat -Werror=format-security
+    -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64")
+    add_compile_options(-fcf-protection)
+  elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+    add_compile_options(-mbranch-protection=standard)
+  endif()
+  add_link_options(-Wl,-z,relro -Wl,-z,now)
+endif()
 # ccache with a base_dir hands the compiler paths that are relative to the build folder.
 file(RELATIVE_PATH VELSTREAM_SOURCE_FROM_BUILD ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
 if(VELSTREAM_SOURCE_FROM_BUILD)
