@@ -112,6 +112,20 @@ void pack_pixels(const uint8_t* bgra, uint8_t* to, const RgbLayout& out, int wid
         libyuv::ARGBToRGB24(bgra, 0, to, 0, width, 1);
 }
 
+/// Splits pixels of 3 bytes into the planes of their bytes.
+void split_pixels(const uint8_t* from, const std::array<uint8_t*, 4>& planes, int width)
+{
+    // libyuv 1904 (Debian 13) does a rest that fills no AVX2 register in a buffer on its stack that is half as long as
+    // it must be.
+    constexpr int kRegister = 32;
+    const int whole = width - width % kRegister;
+    if (whole > 0) libyuv::SplitRGBPlane(from, 0, planes[0], 0, planes[1], 0, planes[2], 0, whole, 1);
+    for (int x = whole; x < width; ++x) {
+        for (int byte = 0; byte < 3; ++byte)
+            planes[static_cast<std::size_t>(byte)][x] = from[3 * x + byte];
+    }
+}
+
 } // namespace
 
 Picture picture_of(const GstVideoFrame& frame)
@@ -357,7 +371,7 @@ void ColourConverter::read_rgb(const Picture& in, int y, Planes& planes)
     auto bytes = planes_in_memory(layout, planes.r.data(), planes.g.data(), planes.b.data());
     const uint8_t* pixels = row_of(in, 0, y);
     if (layout.bytes == 3) {
-        libyuv::SplitRGBPlane(pixels, 0, bytes[0], 0, bytes[1], 0, bytes[2], 0, in.width, 1);
+        split_pixels(pixels, bytes, in.width);
     } else {
         bytes[static_cast<std::size_t>(layout.a)] = pixels_.data();
         libyuv::SplitARGBPlane(pixels, 0, bytes[2], 0, bytes[1], 0, bytes[0], 0, bytes[3], 0, in.width, 1);
