@@ -141,10 +141,12 @@ std::string wait_for_end(GstElement* pipeline)
 
 GstCaps* frame_caps(const MediaSpec& spec)
 {
-    return gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT, spec.width,
-                               "height", G_TYPE_INT, spec.height, "framerate", GST_TYPE_FRACTION, spec.fps, 1,
-                               "colorimetry", G_TYPE_STRING, spec.height >= 720 ? "bt709" : "bt601",
-                               "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr);
+    return gst_caps_new_simple(
+        "video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT, spec.width, "height", G_TYPE_INT,
+        spec.height, "framerate", GST_TYPE_FRACTION, spec.fps, 1, "colorimetry", G_TYPE_STRING,
+        spec.height >= 720 ? "bt709" : "bt601", "chroma-site", G_TYPE_STRING,
+        "mpeg2", // which H.264 and H.265 mean when a stream says nothing; newer encoders write it down
+        "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr);
 }
 
 GstBuffer* make_frame(FramePainter& painter, const MediaSpec& spec, int number)
