@@ -182,8 +182,8 @@ TEST_F(Install, ReadmeApplicationIsBuiltWithTheCMakePackageAndRuns)
 {
     write_application();
     const Output built =
-        build(CMAKE_PROGRAM " -B build -DCMAKE_CXX_COMPILER=" CXX_PROGRAM " -DCMAKE_PREFIX_PATH=" + prefix_.string() +
-              " && " CMAKE_PROGRAM " --build build");
+        build(CMAKE_PROGRAM " -G Ninja -B build -DCMAKE_CXX_COMPILER=" CXX_PROGRAM " -DCMAKE_PREFIX_PATH=" +
+              prefix_.string() + " && " CMAKE_PROGRAM " --build build");
     ASSERT_EQ(built.status, 0) << built.text;
     expect_frames(application_folder() / "build/app");
 }
@@ -194,7 +194,7 @@ TEST_F(Install, CMakePackageRefusesAnotherMajorVersion)
     std::string lists = readme_block("cmake");
     lists.replace(lists.find("velstream-gst REQUIRED"), 22, "velstream-gst 2.0 REQUIRED");
     std::ofstream(application_folder() / "CMakeLists.txt") << lists;
-    const Output output = build(CMAKE_PROGRAM " -B build -DCMAKE_PREFIX_PATH=" + prefix_.string());
+    const Output output = build(CMAKE_PROGRAM " -G Ninja -B build -DCMAKE_PREFIX_PATH=" + prefix_.string());
     EXPECT_NE(output.status, 0);
     EXPECT_NE(output.text.find("version: 1.0.0"), std::string::npos) << output.text;
 }
