@@ -35,6 +35,7 @@ using MessagePtr = std::unique_ptr<GstMessage, MiniObjectReleaser>;
 using ErrorPtr = std::unique_ptr<GError, Releaser<g_error_free>>;
 using TextPtr = std::unique_ptr<gchar, Releaser<g_free>>;
 using MainLoopPtr = std::unique_ptr<GMainLoop, Releaser<g_main_loop_unref>>;
+using IteratorPtr = std::unique_ptr<GstIterator, Releaser<gst_iterator_free>>;
 using SdpPtr = std::unique_ptr<GstSDPMessage, Releaser<gst_sdp_message_free>>;
 template <typename T>
 using ObjectPtr = std::unique_ptr<T, Releaser<g_object_unref>>;

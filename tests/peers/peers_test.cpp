@@ -338,9 +338,8 @@ TEST(RtspRecord, WholeStreamIsInTheFileAtItsEnd)
     ASSERT_EQ(media::make_media(spec, folder / "a.mp4"), "");
     peers::RtspPeer server(RTSP_PEER, {"record", "--out", folder / "out.mp4"});
     ASSERT_NE(server.port(), 0);
-    // Video alone: with two streams the stock client hangs at its end once in a while.
-    peers::ChildProcess client({"gst-launch-1.0", "-q", "filesrc", "location=" + (folder / "a.mp4"), "!", "qtdemux",
-                                "!", "h264parse", "!", "rtspclientsink", "location=" + server.url(), "protocols=4"});
+    peers::ChildProcess client({"ffmpeg", "-v", "error", "-re", "-i", folder / "a.mp4", "-c", "copy", "-f", "rtsp",
+                                "-rtsp_transport", "tcp", server.url()});
     EXPECT_EQ(server.read_until("eos").value_or(""), "eos frames=45");
     EXPECT_EQ(probe(folder / "out.mp4", "v", "codec_name,nb_read_frames"), (std::vector<std::string>{"h264,45"}));
     FrameReader reader("filesrc location=" + (folder / "out.mp4") + " ! qtdemux ! h264parse ! avdec_h264");

@@ -2,11 +2,15 @@
 
 #include "peer_handles.h"
 
+#include <gst/app/gstappsrc.h>
+
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <thread>
 #include <vector>
 
 namespace peers {
@@ -14,6 +18,8 @@ namespace peers {
 namespace {
 
 constexpr char kStateKey[] = "velstream-recording";
+constexpr std::chrono::seconds kPacketsBound{2};
+constexpr std::chrono::milliseconds kPacketsLook{1};
 
 /// State of one recording. The counter is written by streaming threads, `is_ended` by the client's thread.
 struct Recording {
@@ -128,19 +134,67 @@ void record_factory_class_init(RecordFactoryClass* record_class)
 
 void record_factory_init(RecordFactory*) {}
 
-/// The client has ended its stream itself: what it sent before is complete. A stock client pauses, tears down and
-/// closes the connection, and its teardown does not always come through.
+/// Nothing waits in a source's queue or socket.
+bool is_read_out(GstElement* source)
+{
+    if (GST_IS_APP_SRC(source)) return gst_app_src_get_current_level_bytes(GST_APP_SRC(source)) == 0;
+    GSocket* used = nullptr;
+    g_object_get(source, "used-socket", &used, nullptr);
+    const ObjectPtr<GSocket> socket(used);
+    return !socket || g_socket_get_available_bytes(socket.get()) <= 0;
+}
+
+/// @return the elements of this factory in the media's pipeline.
+std::vector<ElementPtr> elements_of(GstRTSPMedia* media, const char* factory)
+{
+    const ElementPtr bin(gst_rtsp_media_get_element(media));
+    const ElementPtr pipeline(GST_ELEMENT(gst_object_get_parent(GST_OBJECT(bin.get()))));
+    std::vector<ElementPtr> elements;
+    if (!pipeline) return elements;
+    const IteratorPtr found(gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline.get()), factory));
+    GValue value = G_VALUE_INIT;
+    while (gst_iterator_next(found.get(), &value) == GST_ITERATOR_OK) {
+        elements.emplace_back(GST_ELEMENT(g_value_dup_object(&value)));
+        g_value_reset(&value);
+    }
+    g_value_unset(&value);
+    return elements;
+}
+
+/// Waits until the media has taken up what the client has sent. Its last request overtakes the last packets, over TCP
+/// in the queue that the media reads and over UDP in the socket; and the end that the server makes of a media skips
+/// what is still there.
+void wait_for_packets(GstRTSPMedia* media)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kPacketsBound;
+    for (const char* factory : {"appsrc", "udpsrc"}) {
+        for (const ElementPtr& source : elements_of(media, factory)) {
+            while (!is_read_out(source.get()) && std::chrono::steady_clock::now() < deadline)
+                std::this_thread::sleep_for(kPacketsLook);
+        }
+    }
+}
+
+/// The client has ended its stream itself: what it sent before is complete. Some only pause before they go.
 GstRTSPStatusCode on_end(GstRTSPClient*, GstRTSPContext* context, gpointer)
 {
     GstRTSPMedia* media = context->sessmedia ? gst_rtsp_session_media_get_media(context->sessmedia) : nullptr;
-    if (media && recording_of(media)) recording_of(media)->is_ended = true;
+    if (!media || !recording_of(media)) return GST_RTSP_STS_OK;
+    if (!recording_of(media)->is_ended) wait_for_packets(media);
+    recording_of(media)->is_ended = true;
     return GST_RTSP_STS_OK;
+}
+
+GstRTSPStatusCode on_teardown(GstRTSPClient* client, GstRTSPContext* context, gpointer data)
+{
+    say("teardown");
+    return on_end(client, context, data);
 }
 
 void on_client(GstRTSPServer*, GstRTSPClient* client, gpointer)
 {
     g_signal_connect(client, "pre-pause-request", G_CALLBACK(on_end), nullptr);
-    g_signal_connect(client, "pre-teardown-request", G_CALLBACK(on_end), nullptr);
+    g_signal_connect(client, "pre-teardown-request", G_CALLBACK(on_teardown), nullptr);
 }
 
 GstPadProbeReturn count_frame(GstPad*, GstPadProbeInfo*, gpointer recording)

@@ -11,8 +11,9 @@ namespace peers {
 /// MP4, or a transport stream for a path that ends in ".ts" and for whatever comes as one. A second recording gets
 /// "-2" before the ending, and so on.
 ///
-/// Lines on standard output: `record` with a client's first frame; `eos frames=N` when it has ended its stream and the
-/// file is finished, N video frames as received; `lost frames=N` when it went away without ending it.
+/// Lines on standard output: `record` with a client's first frame; `teardown` when it asks for that; `eos frames=N`
+/// when it has ended its stream and the file is finished, N video frames as received; `lost frames=N` when it went away
+/// without ending it.
 GstRTSPMediaFactory* make_record_factory(const std::string& path);
 
 /// Watches the clients of a server that records, for the lines above.
