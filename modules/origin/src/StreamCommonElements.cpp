@@ -1,5 +1,6 @@
 #include "ElementTools.h"
 #include "Log.h"
+#include "RtspPush.h"
 #include "StreamCommon.h"
 #include "StreamOutput.h"
 
@@ -69,6 +70,7 @@ GstElement* g_setup_parser_o(int n)
 GstElement* g_setup_sink(const char* location, int n)
 {
     GstElement* sink = setup_element("rtspclientsink", "sink" + std::to_string(n), nullptr);
+    let_rtcp_end(sink);
     set_property(sink, "location", std::string(location ? location : ""));
     return sink;
 }

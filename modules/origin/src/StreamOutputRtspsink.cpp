@@ -2,6 +2,7 @@
 
 #include "ElementTools.h"
 #include "Log.h"
+#include "RtspPush.h"
 #include "StreamCommon.h"
 
 #include <utility>
@@ -75,7 +76,7 @@ GstElement* StreamOutputRtspsink::build()
     if (has_v4l2_codecs()) return build_6490_ql();
 
     ElementPtr bin(gst_bin_new("velstream-output-rtspsink")); // floating on purpose
-    const ElementPtr sink = make_located("rtspclientsink", nullptr, location_);
+    const ElementPtr sink = make_rtsp_push(nullptr, location_);
     set_property(sink.get(), "protocols", kProtocolTcp);
     set_property(sink.get(), "do-rtsp-keep-alive", false);
     const ElementPtr filter = make_element("capsfilter");
@@ -104,7 +105,7 @@ GstElement* StreamOutputRtspsink::build_6490_ql()
 {
     VEL_LOG_INFO("Build 6490 ql v4l2.");
     ElementPtr bin(gst_bin_new(("velstream-output-rtspsink-" + stream_id_).c_str())); // floating on purpose
-    const ElementPtr sink = make_located("rtspclientsink", nullptr, location_);
+    const ElementPtr sink = make_rtsp_push(nullptr, location_);
     VEL_LOG_INFO("Output url: %s.", location_.c_str());
     const auto [parser, encoder] = make_v4l2_elements(stream_id_);
     VEL_LOG_INFO("Platform is 6490 Qualcomm Linux, will use v4l2h264/5enc plugin.");

@@ -8,6 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+
 namespace velstream::testing {
 
 namespace {
@@ -56,6 +60,37 @@ TEST(CameraThatDies, LeavesARecordingThatPlaysToTheLastFrame)
         ASSERT_TRUE(call.wait_for_end());
         EXPECT_EQ(probe_video(path).frames, call.frames());
     }
+}
+
+TEST(StopOfCameraPush, EndsTheRecordersStreamWithItsLastFrameFiftyTimes)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const TemporaryFolder folder;
+    peers::RtspPeer recorder(RTSP_PEER, {"record", "--out", folder.file("pushed.mp4")});
+    ASSERT_NE(recorder.port(), 0);
+    // "rtspt" asks for TCP: over UDP nothing keeps the last packets in front of the request that ends the stream.
+    const std::string url = "rtspt" + recorder.url().substr(std::string("rtsp").size());
+    std::vector<std::vector<std::string>> rounds;
+    for (int round = 0; round < kRounds; ++round)
+        rounds.push_back({"rtsp", camera.url(), "rtsp", url, std::to_string(5 + round % 20)});
+    std::vector<long> pushed;
+    for (const CommandResult& result : run_rounds(rounds))
+        pushed.push_back(frames_of(result));
+    // The recorder tells of them in the order in which they ended.
+    std::vector<long> recorded;
+    std::size_t teardowns = 0;
+    while (recorded.size() < pushed.size()) {
+        const std::optional<std::string> line = recorder.read_line();
+        ASSERT_TRUE(line) << recorded.size() << " streams have ended";
+        ASSERT_NE(line->rfind("lost", 0), 0U) << *line;
+        if (*line == "teardown") ++teardowns;
+        if (line->rfind("eos frames=", 0) == 0) recorded.push_back(std::atol(line->c_str() + 11));
+    }
+    std::sort(pushed.begin(), pushed.end());
+    std::sort(recorded.begin(), recorded.end());
+    EXPECT_EQ(recorded, pushed);
+    EXPECT_EQ(teardowns, pushed.size());
 }
 
 } // namespace velstream::testing

@@ -101,7 +101,7 @@ std::vector<CommandResult> run_rounds(const std::vector<std::vector<std::string>
     for (std::thread& thread : threads)
         thread.join();
     for (std::size_t number = 0; number < results.size(); ++number)
-        EXPECT_EQ(results[number].status, 0) << "round " << number;
+        EXPECT_EQ(results[number].status, 0) << "round " << number << ": " << results[number].output;
     return results;
 }
 
