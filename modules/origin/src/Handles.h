@@ -32,7 +32,6 @@ using ClockPtr = std::unique_ptr<GstClock, Releaser<gst_object_unref>>;
 using CapsPtr = std::unique_ptr<GstCaps, MiniObjectReleaser>;
 using BufferPtr = std::unique_ptr<GstBuffer, MiniObjectReleaser>;
 using SamplePtr = std::unique_ptr<GstSample, MiniObjectReleaser>;
-using EventPtr = std::unique_ptr<GstEvent, MiniObjectReleaser>;
 using MessagePtr = std::unique_ptr<GstMessage, MiniObjectReleaser>;
 using IteratorPtr = std::unique_ptr<GstIterator, Releaser<gst_iterator_free>>;
 using ErrorPtr = std::unique_ptr<GError, Releaser<g_error_free>>;

@@ -10,7 +10,7 @@ namespace Quorvis::VelStream {
 /**
  * Makes the pipeline that a description says, whole or not at all: gst_parse_launch() hands out what it could build of
  * a description with a syntax error, a missing element or a failed link too. Only a property that an element lacks is
- * passed over, with a warning.
+ * passed over, with a warning. A push by RTSP in it ends as it should.
  * @param failure  takes the cause.
  * @return null when the description is not complete.
  */

@@ -4,12 +4,15 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string_view>
 
 namespace Quorvis::VelStream {
 
 namespace {
+
+using EventPtr = std::unique_ptr<GstEvent, MiniObjectReleaser>;
 
 /// How long a push waits for the server's answer to its end.
 constexpr std::chrono::milliseconds kCloseBound{500};

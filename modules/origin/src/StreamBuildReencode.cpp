@@ -3,7 +3,6 @@
 #include "LaunchDescription.h"
 #include "Log.h"
 #include "Platform.h"
-#include "RtspPush.h"
 #include "StreamBuild.h"
 #include "StreamBuildRegistry.h"
 #include "StreamBuildScope.h"
@@ -74,7 +73,6 @@ ElementPtr make_pipeline(const StreamProperty& property, Target target, int32_t 
     std::fflush(stdout);
     std::string failure;
     ElementPtr pipeline = launch_pipeline(description, failure);
-    let_rtcp_end(pipeline.get());
     if (pipeline) return pipeline;
     VEL_LOG_ERROR("Failed to create pipeline.");
     VEL_LOG_ERROR("The pipeline's description fails: %s", failure.c_str());
