@@ -182,6 +182,9 @@ public:
     /// 0 when it did not start.
     int port() const { return port_; }
     std::string url() const { return "rtsp://127.0.0.1:" + std::to_string(port_) + "/test"; }
+    /// The same for a client that is to take TCP: over UDP nothing keeps a packet from being lost on a busy machine,
+    /// and the last ones from being overtaken by the request that ends a stream.
+    std::string tcp_url() const { return "rtspt://127.0.0.1:" + std::to_string(port_) + "/test"; }
 
 private:
     static std::vector<std::string> with_program(const std::string& program, std::vector<std::string> arguments)

@@ -126,13 +126,23 @@ gboolean post_message(GstElement* push, GstMessage* message)
     return is_posted;
 }
 
+/// The client waits 20 s for an answer by default, and does not go down before. A server that has fallen silent is not
+/// to hold up a stop for that long.
+void set_answer_bound(GstElement* push, std::chrono::microseconds bound)
+{
+    g_object_set(push, "tcp-timeout", static_cast<guint64>(bound.count()), nullptr);
+}
+
 GstStateChangeReturn change_state(GstElement* push, GstStateChange transition)
 {
     Session& session = session_of(push);
     const bool is_closing = transition == GST_STATE_CHANGE_PAUSED_TO_READY;
     if (!is_closing) session.release_requests();
     if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) session.hold_requests();
-    if (is_closing) session.note_open();
+    if (is_closing) {
+        session.note_open();
+        set_answer_bound(push, kCloseBound);
+    }
     const GstStateChangeReturn result = stock_class->change_state(push, transition);
     if (is_closing) {
         session.release_requests();

@@ -71,7 +71,7 @@ protected:
         const std::string recorded = folder_.file("recorded.mp4");
         peers::RtspPeer recorder(RTSP_PEER, {"record", "--out", recorded});
         ASSERT_NE(recorder.port(), 0);
-        const ConfigFile config(output_entry(input, "rtsp", recorder.url(), codec));
+        const ConfigFile config(output_entry(input, "rtsp", recorder.tcp_url(), codec));
         const Played played = play_to_end();
         EXPECT_EQ(played.result, result_of_end());
         EXPECT_EQ(played.numbers, numbers_below(kFrames));

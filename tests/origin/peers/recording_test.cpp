@@ -1,15 +1,18 @@
 // A stop loses nothing: what was recorded of a live camera is complete up to the last frame.
 #include "ConfigFile.h"
 #include "Platform.h"
+#include "StreamBuild.h"
 #include "StreamCall.h"
 #include "VideoFiles.h"
 #include "process.h"
 #include "rounds.h"
 
+#include <gst/gst.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <optional>
 
 namespace velstream::testing {
@@ -22,6 +25,29 @@ long frames_of(const CommandResult& round)
 {
     return std::atol(value_of(round.output, "frames").c_str());
 }
+
+/// A camera's stream that is pushed to a server.
+class StopOfPush : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+
+    /// Starts the push and waits until the server takes frames and some more have been seen.
+    std::unique_ptr<StreamCall> start_push(bool has_tcp)
+    {
+        const std::string url = has_tcp ? server_.tcp_url() : server_.url();
+        auto call = std::make_unique<StreamCall>([this, url](FrameCallback& callback) {
+            return Quorvis::VelStream::start_stream_input_rtsp(camera_.url(), callback,
+                                                               Quorvis::VelStream::STREAM_TYPE_RTSP, url, 0, 0, "push");
+        });
+        EXPECT_TRUE(server_.read_until("record"));
+        EXPECT_TRUE(call->wait_for_frames(call->frames() + 5));
+        return call;
+    }
+
+    const TemporaryFolder folder_;
+    const peers::RtspPeer camera_{RTSP_PEER, {"play", "--live"}};
+    peers::RtspPeer server_{RTSP_PEER, {"record", "--out", folder_.file("pushed.mp4")}};
+};
 
 } // namespace
 
@@ -69,11 +95,9 @@ TEST(StopOfCameraPush, EndsTheRecordersStreamWithItsLastFrameFiftyTimes)
     const TemporaryFolder folder;
     peers::RtspPeer recorder(RTSP_PEER, {"record", "--out", folder.file("pushed.mp4")});
     ASSERT_NE(recorder.port(), 0);
-    // "rtspt" asks for TCP: over UDP nothing keeps the last packets in front of the request that ends the stream.
-    const std::string url = "rtspt" + recorder.url().substr(std::string("rtsp").size());
     std::vector<std::vector<std::string>> rounds;
     for (int round = 0; round < kRounds; ++round)
-        rounds.push_back({"rtsp", camera.url(), "rtsp", url, std::to_string(5 + round % 20)});
+        rounds.push_back({"rtsp", camera.url(), "rtsp", recorder.tcp_url(), std::to_string(5 + round % 20)});
     std::vector<long> pushed;
     for (const CommandResult& result : run_rounds(rounds))
         pushed.push_back(frames_of(result));
@@ -91,6 +115,34 @@ TEST(StopOfCameraPush, EndsTheRecordersStreamWithItsLastFrameFiftyTimes)
     std::sort(recorded.begin(), recorded.end());
     EXPECT_EQ(recorded, pushed);
     EXPECT_EQ(teardowns, pushed.size());
+}
+
+TEST_F(StopOfPush, ToAServerThatIsSilentEndsTheCall)
+{
+    for (const bool has_tcp : {true, false}) {
+        SCOPED_TRACE(has_tcp);
+        const std::unique_ptr<StreamCall> call = start_push(has_tcp);
+        server_.pause();
+        EXPECT_TRUE(stop_ends_call(*call, "push"));
+        server_.resume();
+        Quorvis::VelStream::running = true; // for the next push
+    }
+}
+
+TEST_F(StopOfPush, ToAServerThatHasBeenSilentForLongEndsTheCall)
+{
+    const std::unique_ptr<StreamCall> call = start_push(true);
+    server_.pause();
+    call->wait_for_frames(call->frames() + 100, std::chrono::seconds(6)); // what the connection takes
+    EXPECT_TRUE(stop_ends_call(*call, "push"));
+    server_.resume();
+}
+
+TEST_F(StopOfPush, ToAServerThatIsGoneEndsTheCall)
+{
+    const std::unique_ptr<StreamCall> call = start_push(true);
+    server_.kill_now();
+    EXPECT_TRUE(stop_ends_call(*call, "push"));
 }
 
 } // namespace velstream::testing
