@@ -18,7 +18,7 @@ ElementPtr launch_pipeline(const std::string& description, std::string& failure)
     GError* raw_error = nullptr;
     ElementPtr pipeline = share(gst_parse_launch(description.c_str(), &raw_error));
     const ErrorPtr error(raw_error);
-    let_rtcp_end(pipeline.get());
+    replace_rtsp_pushes(pipeline.get());
     if (pipeline && !error) return pipeline;
     failure = error ? error->message : "no pipeline";
     const bool is_property = error && g_error_matches(error.get(), GST_PARSE_ERROR, GST_PARSE_ERROR_NO_SUCH_PROPERTY);

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string_view>
+#include <vector>
 
 namespace Quorvis::VelStream {
 
@@ -164,7 +165,8 @@ void init_push(GTypeInstance* push, gpointer)
 {
     g_object_set_qdata_full(G_OBJECT(push), session_quark(), new Session,
                             [](gpointer session) { delete static_cast<Session*>(session); });
-    let_rtcp_end(GST_ELEMENT(push));
+    // Sessions come to be at some depth of it when it connects.
+    g_signal_connect_data(push, "deep-element-added", G_CALLBACK(on_element), nullptr, nullptr, GConnectFlags{});
 }
 
 GType derive_push(GType stock)
@@ -175,23 +177,91 @@ GType derive_push(GType stock)
                                          init_push, GTypeFlags{});
 }
 
+/// Something else may go by the client's name, and is left as it is.
+bool is_stock(GstElement* element)
+{
+    return element && std::string_view(G_OBJECT_TYPE_NAME(element)) == "GstRTSPClientSink";
+}
+
+void copy_property(GObject* from, GObject* to, GParamSpec* spec)
+{
+    const bool is_copied = (spec->flags & G_PARAM_READWRITE) == G_PARAM_READWRITE &&
+                           !(spec->flags & G_PARAM_CONSTRUCT_ONLY) && spec->owner_type == G_OBJECT_TYPE(from);
+    if (!is_copied) return;
+    GValue value = G_VALUE_INIT;
+    g_value_init(&value, spec->value_type);
+    g_object_get_property(from, spec->name, &value);
+    if (!g_param_value_defaults(spec, &value)) g_object_set_property(to, spec->name, &value);
+    g_value_unset(&value);
+}
+
+/// A push with the name of the stock client and what has been set of that.
+ElementPtr make_push_like(GstElement* stock)
+{
+    static const GType type = derive_push(G_OBJECT_TYPE(stock));
+    const TextPtr name(gst_object_get_name(GST_OBJECT(stock)));
+    ElementPtr push = share(static_cast<GstElement*>(g_object_new(type, "name", name.get(), nullptr)));
+    guint count = 0;
+    const std::unique_ptr<GParamSpec*[], Releaser<g_free>> specs(
+        g_object_class_list_properties(G_OBJECT_GET_CLASS(stock), &count));
+    for (guint k = 0; k < count; ++k)
+        copy_property(G_OBJECT(stock), G_OBJECT(push.get()), specs[k]);
+    return push;
+}
+
+struct PadPair {
+    PadPtr source;
+    PadPtr sink;
+};
+
+std::vector<PadPair> sink_links_of(GstElement* element)
+{
+    std::vector<PadPair> links;
+    GST_OBJECT_LOCK(element);
+    for (const GList* pad = element->sinkpads; pad; pad = pad->next)
+        links.push_back({nullptr, PadPtr(GST_PAD(gst_object_ref(pad->data)))});
+    GST_OBJECT_UNLOCK(element);
+    for (PadPair& link : links)
+        link.source.reset(gst_pad_get_peer(link.sink.get()));
+    std::erase_if(links, [](const PadPair& link) { return !link.source; });
+    return links;
+}
+
+void replace(GstElement* stock)
+{
+    const ElementPtr bin(GST_ELEMENT(gst_object_get_parent(GST_OBJECT(stock))));
+    const ElementPtr push = make_push_like(stock);
+    const std::vector<PadPair> links = sink_links_of(stock);
+    for (const PadPair& link : links)
+        gst_pad_unlink(link.source.get(), link.sink.get());
+    gst_bin_remove(GST_BIN(bin.get()), stock);
+    gst_bin_add(GST_BIN(bin.get()), push.get());
+    for (const PadPair& link : links) {
+        const ElementPtr before(gst_pad_get_parent_element(link.source.get()));
+        gst_element_link_pads(before.get(), GST_PAD_NAME(link.source.get()), push.get(), nullptr);
+    }
+}
+
 } // namespace
 
-void let_rtcp_end(GstElement* bin)
+void replace_rtsp_pushes(GstElement* pipeline)
 {
-    if (!GST_IS_BIN(bin)) return; // something else may go by the name of the client
-    g_signal_connect_data(bin, "deep-element-added", G_CALLBACK(on_element), nullptr, nullptr, GConnectFlags{});
+    if (!GST_IS_BIN(pipeline)) return;
+    std::vector<ElementPtr> found;
+    const IteratorPtr elements(gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), "rtspclientsink"));
+    const auto keep = [](const GValue* value, gpointer list) {
+        auto* element = static_cast<GstElement*>(g_value_get_object(value));
+        if (is_stock(element)) static_cast<std::vector<ElementPtr>*>(list)->push_back(share(element));
+    };
+    gst_iterator_foreach(elements.get(), keep, &found);
+    for (const ElementPtr& stock : found)
+        replace(stock.get());
 }
 
 ElementPtr make_rtsp_push(const char* name, const std::string& location)
 {
     ElementPtr element = make_element("rtspclientsink", name);
-    // Something else may go by the name, and is left as it is.
-    if (element && std::string_view(G_OBJECT_TYPE_NAME(element.get())) == "GstRTSPClientSink") {
-        static const GType type = derive_push(G_OBJECT_TYPE(element.get()));
-        const TextPtr own_name(gst_object_get_name(GST_OBJECT(element.get())));
-        element = share(static_cast<GstElement*>(g_object_new(type, "name", own_name.get(), nullptr)));
-    }
+    if (is_stock(element.get())) element = make_push_like(element.get());
     set_property(element.get(), "location", location);
     return element;
 }

@@ -7,10 +7,6 @@
 
 namespace Quorvis::VelStream {
 
-/// Makes the RTSP sessions that come to be in this bin, at whatever depth, send the end of their RTCP when their RTP
-/// has ended. A bin that pushes posts its end of stream only when both have. What is no bin is skipped, null too.
-void let_rtcp_end(GstElement* bin);
-
 /**
  * A "rtspclientsink" with its location.
  *
@@ -19,5 +15,9 @@ void let_rtcp_end(GstElement* bin);
  * @return null when the factory is missing; the log names it.
  */
 ElementPtr make_rtsp_push(const char* name, const std::string& location);
+
+/// Puts such a client in the place of each stock one that a launch description has made; what it was linked to and what
+/// was set of it stays. For a pipeline that has not been started yet; what is no bin is skipped, null too.
+void replace_rtsp_pushes(GstElement* pipeline);
 
 } // namespace Quorvis::VelStream

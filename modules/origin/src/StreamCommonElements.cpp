@@ -69,10 +69,9 @@ GstElement* g_setup_parser_o(int n)
 
 GstElement* g_setup_sink(const char* location, int n)
 {
-    GstElement* sink = setup_element("rtspclientsink", "sink" + std::to_string(n), nullptr);
-    let_rtcp_end(sink);
-    set_property(sink, "location", std::string(location ? location : ""));
-    return sink;
+    ElementPtr sink = make_rtsp_push(("sink" + std::to_string(n)).c_str(), location ? location : "");
+    if (sink) g_object_force_floating(G_OBJECT(sink.get())); // as a new element is
+    return sink.release();
 }
 
 GstElement* g_get_stream_output(StreamIns ins)

@@ -49,7 +49,7 @@ TEST_F(ReencodedPush, IsStoppedUnderItsKey)
     ASSERT_TRUE(server.read_until("record"));
     ASSERT_TRUE(call.wait_for_frames(3));
     EXPECT_TRUE(stop_ends_call(call, "cam_network"));
-    EXPECT_TRUE(server.read_until("eos"));
+    EXPECT_TRUE(server.read_until("teardown"));
 }
 
 TEST_F(ReencodedPush, WithoutAServerEndsTheCallAndNamesTheCause)

@@ -10,14 +10,22 @@ namespace velstream::testing {
 
 namespace {
 
-/// True for the name that an element gets which nobody named: its type's name and a number.
-bool is_automatic_name(GstElement* element, const std::string& name)
+bool is_numbered(std::string type, const std::string& name)
 {
-    std::string type = G_OBJECT_TYPE_NAME(element);
     if (type.rfind("Gst", 0) == 0) type.erase(0, 3);
     const Quorvis::VelStream::TextPtr stem(g_ascii_strdown(type.c_str(), -1));
     return name.rfind(stem.get(), 0) == 0 &&
            name.find_first_not_of("-0123456789", std::strlen(stem.get())) == name.npos;
+}
+
+/// True for the name that an element gets which nobody named: its type's name, or the one's that it derives from, and a
+/// number.
+bool is_automatic_name(GstElement* element, const std::string& name)
+{
+    for (GType type = G_OBJECT_TYPE(element); type != 0; type = g_type_parent(type)) {
+        if (is_numbered(g_type_name(type), name)) return true;
+    }
+    return false;
 }
 
 PadPtr linked_source_pad(GstElement* element)
