@@ -14,10 +14,14 @@ add_library(libyuv UNKNOWN IMPORTED)
 set_target_properties(libyuv PROPERTIES IMPORTED_LOCATION ${LIBYUV_LIBRARY}
   INTERFACE_INCLUDE_DIRECTORIES ${LIBYUV_INCLUDE_DIR})
 
-# Only two modules are wanted, and OpenCV's package files belong to the package of them all.
+# Only some modules are wanted, and OpenCV's package files belong to the package of them all.
 find_path(OPENCV_INCLUDE_DIR opencv2/core.hpp PATH_SUFFIXES opencv4 REQUIRED)
 find_library(OPENCV_CORE_LIBRARY opencv_core REQUIRED)
 find_library(OPENCV_IMGPROC_LIBRARY opencv_imgproc REQUIRED)
 add_library(opencv INTERFACE)
 target_include_directories(opencv SYSTEM INTERFACE ${OPENCV_INCLUDE_DIR})
 target_link_libraries(opencv INTERFACE ${OPENCV_IMGPROC_LIBRARY} ${OPENCV_CORE_LIBRARY})
+# What runs models is for the software elements alone.
+find_library(OPENCV_DNN_LIBRARY opencv_dnn REQUIRED)
+add_library(opencv_dnn INTERFACE)
+target_link_libraries(opencv_dnn INTERFACE ${OPENCV_DNN_LIBRARY} opencv)

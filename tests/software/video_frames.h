@@ -22,6 +22,11 @@ struct CapsUnref {
 };
 using CapsPtr = std::unique_ptr<GstCaps, CapsUnref>;
 
+struct PadUnref {
+    void operator()(GstPad* pad) const { gst_object_unref(pad); }
+};
+using PadPtr = std::unique_ptr<GstPad, PadUnref>;
+
 struct HarnessTeardown {
     void operator()(GstHarness* harness) const { gst_harness_teardown(harness); }
 };

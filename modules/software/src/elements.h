@@ -20,4 +20,11 @@ gboolean register_encoders(GstPlugin* plugin);
 /// Lets "waylandsink" answer to the platform's own properties and caps inside this process.
 gboolean register_waylandsink(GstPlugin* plugin);
 
+/// "qtimlvconverter".
+gboolean register_mlvconverter(GstPlugin* plugin);
+/// "qtimlqnn".
+gboolean register_mlqnn(GstPlugin* plugin);
+/// "qtimlvdetection".
+gboolean register_mlvdetection(GstPlugin* plugin);
+
 } // namespace velstream::software

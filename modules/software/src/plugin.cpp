@@ -8,7 +8,8 @@ gboolean plugin_init(GstPlugin* plugin)
     using namespace velstream::software;
     return register_vtransform(plugin) && register_split(plugin) && register_composer(plugin) &&
            register_overlay(plugin) && register_decoders(plugin) && register_encoders(plugin) &&
-           register_waylandsink(plugin);
+           register_waylandsink(plugin) && register_mlvconverter(plugin) && register_mlqnn(plugin) &&
+           register_mlvdetection(plugin);
 }
 
 } // namespace
