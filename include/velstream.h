@@ -13,7 +13,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
+#include <unordered_map>
 
 namespace cv {
 class Mat; // OpenCV's matrix: only who calls the functions with matrices includes <opencv2/core.hpp>
@@ -32,8 +34,9 @@ enum StreamType {
 
 /// What a composition does with its canvas. Values 0 to 3 are accepted and start nothing.
 enum ScenarioType {
-    SCENARIO_FILE = 4,          ///< Saved to file only.
-    SCENARIO_COMPOSE_ONLY = 5,  ///< Neither file nor push.
+    SCENARIO_FILE = 4, ///< Saved to file only.
+    SCENARIO_COMPOSE_ONLY =
+        5, ///< The bare canvas, without overlays, push and detection; into the file, if one is given.
     SCENARIO_FILE_AND_RTSP = 6, ///< File and RTSP push.
     SCENARIO_RTSP = 7,          ///< RTSP push.
 };
@@ -259,6 +262,64 @@ int v4l2_get_mat_ori(cv::Mat& out, Image image);
  * @return 0, always, and at once.
  */
 int get_rolling_save_video(std::string stream_id, std::string args, int seconds);
+
+/**
+ * Four cameras on one canvas: recorded, pushed, with logo and text, and searched for objects by a model. An application
+ * describes the composition task by task, starts it on one thread and stops it from another. One composition a process.
+ *
+ * An engine takes no locks of its own: one thread adds tasks and starts, others may stop.
+ */
+class VelStreamEngine {
+public:
+    struct Impl;
+
+    /// @param scenario  what is done with the canvas; 0 to 3 make start() do nothing.
+    explicit VelStreamEngine(ScenarioType scenario);
+    /// Not before start() has returned.
+    ~VelStreamEngine();
+    VelStreamEngine(const VelStreamEngine&) = delete;
+    VelStreamEngine& operator=(const VelStreamEngine&) = delete;
+
+    /// Does nothing: a composition delivers no frames to the application.
+    void set_callback(TaskType type, std::function<int8_t(const Image&)>& callback);
+
+    /**
+     * Records one task; tasks add up, and those of a main output or a model replace the one before. All values are
+     * texts, numbers in base 10. They go into a launch description as they are: no quotes, and in addresses and paths
+     * no blanks.
+     *
+     * Required, then optional parameters:
+     * - TASK_ADD_INPUT, four times, for an RTSP camera: "subStreamId", "inputType", "inputAddr" (its URL),
+     *   "decodeType", "width", "height"; then "position" ("<0, 0>", the place on the canvas), "dimensions"
+     *   ("<1920, 1080>", the size there), "crop" ("x,y,w,h" of the camera's picture), "flip-horizontal",
+     *   "flip-vertical" ("true"). The first input's codec ("H265", else H.264) is that of all inputs and outputs, its
+     *   size the canvas's, rounded down to even numbers.
+     * - TASK_ADD_OUTPUT: "subStreamId", "outputType" ("File", or anything else for an RTSP push), "outputAddr" (path or
+     *   URL), "encodeType", "width", "height"; then "overlay_switch", a picture: "logo_path", "logo_width",
+     *   "logo_height", "logo_loc_x", "logo_loc_y", "logo_loc_width", "logo_loc_height", and a text: "text_str",
+     *   "text_loc_x", "text_loc_y", "text_font_size", "text_color" ("0xFF0000FF", red, green, blue, opacity). Of two
+     *   outputs of a kind the later counts.
+     * - TASK_SET_MAIN_OUTPUT: "outputType", "outputAddr", "encodeType"; then "width", "height". Recorded, not used.
+     * - TASK_SET_MODEL: "Model" (path), "MlModule", "Labels" (path).
+     *
+     * @param params  borrowed for the call, not changed.
+     * @return 0 recorded; -1 not: a required parameter is missing, or a kind that takes no task.
+     * @throws std::invalid_argument, std::out_of_range a number is none or too large; nothing is recorded then.
+     */
+    int add_task(TaskType type, std::unordered_map<std::string, std::string>& params);
+
+    /// Composes what the tasks say and blocks until that ends: by stop(), once all cameras have ended, or when one or
+    /// an output fails, which the log names. Can be called again. @return 0, always.
+    int start();
+
+    /// Ends the process's composition and waits, at most 2.5 s, until what it writes is complete; start() returns
+    /// within a second of that. With nothing running it does nothing. Callable from any thread, not from a signal
+    /// handler. @return 0.
+    int stop();
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
 
 /// Always -1, whatever is running.
 int get_stream_status();

@@ -85,9 +85,15 @@ void RunScope::release()
 void RunScope::release_within(std::chrono::milliseconds bound)
 {
     const BusPtr bus = take_bus(data_);
-    const ElementPtr pipeline(std::exchange(data_->pipeline, nullptr));
+    ElementPtr pipeline(std::exchange(data_->pipeline, nullptr));
     if (!pipeline) return;
     forget_pipeline(pipeline.get());
+    take_down(std::move(pipeline), bound);
+}
+
+void take_down(ElementPtr pipeline, std::chrono::milliseconds bound)
+{
+    if (!pipeline) return;
     using Done = std::shared_ptr<std::promise<void>>;
     const Done done = std::make_shared<std::promise<void>>();
     gst_element_call_async(

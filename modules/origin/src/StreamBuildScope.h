@@ -51,6 +51,10 @@ private:
     std::shared_ptr<StreamRun> run_;
 };
 
+/// Sets a pipeline to NULL and releases it; one that does not come down within the bound is left to a thread of
+/// GStreamer's. Null is passed over.
+void take_down(ElementPtr pipeline, std::chrono::milliseconds bound);
+
 /// Unlinks and removes every element of a pipeline, so that a further attempt can use the same names.
 void clear_pipeline(GstElement* pipeline);
 

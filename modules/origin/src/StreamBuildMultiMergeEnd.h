@@ -1,0 +1,37 @@
+// How the end of stream comes through a composition, and what is seen of it.
+#pragma once
+
+#include "Handles.h"
+
+#include <atomic>
+#include <memory>
+
+namespace Quorvis::VelStream {
+
+/// What is known of a composition's file. Written by streaming threads.
+struct RecordingState {
+    std::atomic<bool> has_begun{false};   ///< A picture has come to the muxer.
+    std::atomic<bool> is_complete{false}; ///< The muxer has written its index.
+};
+
+/// Logs the end of stream where it passes a composition's named elements.
+void add_end_probes(GstElement* pipeline);
+
+/// Follows the muxer of a composition; a pipeline without one leaves the state as it is.
+void follow_recording(GstElement* pipeline, const std::shared_ptr<RecordingState>& state);
+
+/// A description without a file's address takes the next option for the name of one: such a recording goes nowhere.
+void discard_recording(GstElement* pipeline);
+
+/// Logs each element that can be given an end of stream at its input, and gives it to those that nothing leads to: a
+/// camera that never answered sends none. The others get it with the data. Null: nothing is logged.
+void force_end(GstElement* pipeline);
+
+/// The same without a word.
+void end_unfed_inputs(GstElement* pipeline);
+
+/// For an end that does not come through: gives it to the input of every element but the sinks, whose end would shut
+/// out what the muxer has yet to write.
+void force_end_everywhere(GstElement* pipeline);
+
+} // namespace Quorvis::VelStream
