@@ -3,6 +3,7 @@
 #include "LaunchDescription.h"
 #include "Log.h"
 #include "ProcessEnvironment.h"
+#include "RtspPush.h"
 #include "StreamBuildMessages.h"
 #include "StreamBuildMultiMergeEnd.h"
 #include "StreamBuildRegistry.h"
@@ -319,6 +320,7 @@ ElementPtr make_pipeline(const StreamProperty& prop, bool use_tee, int mode)
         VEL_LOG_ERROR("The launch description is not complete: %s", failure.c_str());
         return nullptr;
     }
+    replace_rtsp_pushes(pipeline.get());
     if (!has_file_address(prop)) discard_recording(pipeline.get());
     return pipeline;
 }
