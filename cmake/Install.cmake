@@ -13,6 +13,9 @@ install(TARGETS gstvelsoftware
   LIBRARY DESTINATION ${VELSTREAM_PLUGIN_INSTALL_DIR} COMPONENT software)
 install(TARGETS velstream
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+# The library runs it as /usr/local/bin/concate_video.py, the tool as the one beside itself.
+install(PROGRAMS scripts/concate_video.py
+  DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 install(FILES conf/velstream-gst.conf conf/velstream-gst.schema.json
   DESTINATION ${VELSTREAM_CONF_INSTALL_DIR} COMPONENT library)
 install(FILES include/velstream.h modules/velclog/include/velclog.h

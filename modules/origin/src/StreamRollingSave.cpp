@@ -3,6 +3,7 @@
 #include "LaunchDescription.h"
 #include "Log.h"
 #include "PlatformTables.h"
+#include "StreamBuildMessages.h"
 #include "StreamBuildRegistry.h"
 #include "StreamBuildScope.h"
 #include "StreamCommon.h"
@@ -204,7 +205,7 @@ private:
     void watch_bus();
     void watch_stops();
     void send_end();
-    void log_error(GstMessage* message) const;
+    bool is_writing(GstMessage* message) const;
 
     RunScope& scope_;
     MainContextPtr context_;
@@ -254,21 +255,26 @@ void Recording::handle(GstMessage* message)
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) {
         VEL_LOG_INFO("EOS received.\n");
         g_main_loop_quit(loop_.get());
+    } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING) {
+        // A server that goes away gives no more than this, and then the end of the stream.
+        VEL_LOG_WARN("WARNING from %s: %s\n", source_name(message), ErrorReport(message).text());
     } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
-        log_error(message);
+        const ErrorReport report(message);
+        VEL_LOG_ERROR("ERROR from %s: %s\n", source_name(message), report.text());
+        if (report.has_debug()) VEL_LOG_ERROR("debug: %s\n", report.debug());
+        if (is_writing(message)) scope_.let_output_finish();
         g_main_loop_quit(loop_.get());
     }
 }
 
-void Recording::log_error(GstMessage* message) const
+/// True when a failure before the recorder leaves it a segment to complete.
+bool Recording::is_writing(GstMessage* message) const
 {
-    GError* raw_error = nullptr;
-    char* raw_debug = nullptr;
-    gst_message_parse_error(message, &raw_error, &raw_debug);
-    const ErrorPtr error(raw_error);
-    const TextPtr debug(raw_debug);
-    VEL_LOG_ERROR("ERROR from %s: %s\n", GST_OBJECT_NAME(GST_MESSAGE_SRC(message)), error->message);
-    if (debug) VEL_LOG_ERROR("debug: %s\n", debug.get());
+    const ElementPtr sink(gst_bin_get_by_name(GST_BIN(scope_.pipeline()), "rec"));
+    GstState state = GST_STATE_NULL;
+    return sink && !gst_object_has_as_ancestor(GST_MESSAGE_SRC(message), GST_OBJECT(sink.get())) &&
+           gst_element_get_state(sink.get(), &state, nullptr, 0) == GST_STATE_CHANGE_SUCCESS &&
+           state == GST_STATE_PLAYING;
 }
 
 /// A stop takes a pipeline down whose end does not come through, and that flushes its bus: nothing else wakes the loop.

@@ -1,11 +1,15 @@
 // Recording a camera: what is on the disk when the recording ends, however it ends.
 #include "Elements.h"
+#include "JoinScript.h"
 #include "RecordedLog.h"
 #include "Segments.h"
 #include "StreamBuild.h"
 #include "StreamBuildRegistry.h"
 #include "StreamRollingSave.h"
+#include "VideoFiles.h"
+#include "frame_numbers.h"
 #include "process.h"
+#include "velstreamRolling.h"
 
 #include <gtest/gtest.h>
 
@@ -135,6 +139,31 @@ TEST_F(RecordedCamera, WhoseServerIsGoneEndsTheCallAndItsClosedSegmentsPlay)
     std::vector<std::string> segments = segments_of("cam");
     ASSERT_GE(segments.size(), 3U);
     expect_complete(segments);
+    EXPECT_NE(last_lines().find("W WARNING from rtspsrc0: Could not read from resource"), std::string::npos)
+        << last_lines();
+    EXPECT_TRUE(log_has("I EOS received.\n"));
+}
+
+TEST_F(RecordedCamera, ThatFailsLeavesACompleteLastSegment)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    ASSERT_TRUE(wait_for_segments("cam", 2));
+    const ElementPtr pipeline = last_started_pipeline();
+    ASSERT_TRUE(pipeline);
+    const ElementPtr source = child(pipeline.get(), "rtspsrc0");
+    const ElementPtr depayloader = child(pipeline.get(), "rtph264depay0");
+    ASSERT_TRUE(source && depayloader);
+    // A source that fails says so, and then ends its stream.
+    GST_ELEMENT_ERROR(source.get(), RESOURCE, READ, ("The camera is gone."), (nullptr));
+    EXPECT_TRUE(wait_for_log("E ERROR from rtspsrc0: The camera is gone.\n"));
+    const PadPtr pad(gst_element_get_static_pad(depayloader.get(), "sink"));
+    gst_pad_send_event(pad.get(), gst_event_new_eos());
+    EXPECT_TRUE(call.wait_for_end());
+    EXPECT_EQ(call.result(), 0);
+    expect_complete(segments_of("cam"));
 }
 
 TEST_F(RecordedCamera, WhoseServerStallsIsStoppedAllTheSame)
@@ -205,6 +234,25 @@ TEST_F(RecordedCamera, EndsWithoutTheOtherOneByItsId)
     expect_complete(segments_of("a"));
     expect_complete(segments_of("b"));
     EXPECT_EQ(g_loop, nullptr);
+}
+
+TEST_F(RecordedCamera, IsMergedIntoAFileWhileItIsRecorded)
+{
+    std::filesystem::copy(JOIN_SCRIPT, "/usr/local/bin/concate_video.py");
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    ASSERT_TRUE(wait_for_segments("cam", 4)) << last_lines();
+    EXPECT_EQ(merge_rolling_save_video("cam", "--last 3 --output /tmp/rolling/out.mp4", -5), 0);
+    EXPECT_FALSE(call.has_ended());
+    EXPECT_TRUE(stop_ends_call(call, "cam"));
+    const std::vector<int> numbers = numbers_in_file("/tmp/rolling/out.mp4");
+    EXPECT_GE(numbers.size(), 75U);
+    EXPECT_TRUE(are_consecutive(numbers, 1 << media::marker_bits(320))) << text_of(numbers);
+    const std::vector<Packet> packets = packets_in("/tmp/rolling/out.mp4");
+    for (std::size_t i = 1; i < packets.size(); ++i)
+        EXPECT_GT(packets[i].dts, packets[i - 1].dts) << i;
 }
 
 } // namespace velstream::testing
