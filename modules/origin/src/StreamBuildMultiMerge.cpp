@@ -321,6 +321,7 @@ ElementPtr make_pipeline(const StreamProperty& prop, bool use_tee, int mode)
         return nullptr;
     }
     replace_rtsp_pushes(pipeline.get());
+    secure_recording(pipeline.get());
     if (!has_file_address(prop)) discard_recording(pipeline.get());
     return pipeline;
 }

@@ -10,6 +10,10 @@ namespace Quorvis::VelStream {
 
 namespace {
 
+constexpr int kUnbuffered = 2;            // value of a filesink's "buffer-mode"
+constexpr int kFirstMoovThenFinalise = 1; // value of an mp4mux's "fragment-mode"
+constexpr int kFragmentMs = 1000;
+
 ElementPtr child(GstElement* pipeline, const char* name)
 {
     return ElementPtr(gst_bin_get_by_name(GST_BIN(pipeline), name));
@@ -50,6 +54,14 @@ PadPtr linked_input(GstElement* element)
 {
     PadPtr sink(gst_element_get_static_pad(element, "sink"));
     return sink && gst_pad_is_linked(sink.get()) ? std::move(sink) : nullptr;
+}
+
+/// What an element's source pad leads to.
+ElementPtr element_behind(GstElement* element)
+{
+    const PadPtr source(gst_element_get_static_pad(element, "src"));
+    const PadPtr peer(source ? gst_pad_get_peer(source.get()) : nullptr);
+    return ElementPtr(peer ? gst_pad_get_parent_element(peer.get()) : nullptr);
 }
 
 // ---- Probes ----
@@ -204,12 +216,23 @@ void follow_recording(GstElement* pipeline, const std::shared_ptr<RecordingState
         probe_with_state(sink.get(), GST_PAD_PROBE_TYPE_BUFFER, note_begin, state);
 }
 
+void secure_recording(GstElement* pipeline)
+{
+    const ElementPtr muxer = child(pipeline, "mp4mux_0");
+    if (!muxer) return;
+    const ElementPtr sink = element_behind(muxer.get());
+    set_property(sink.get(), "buffer-mode", kUnbuffered);
+    guint fragment_ms = 0;
+    g_object_get(muxer.get(), "fragment-duration", &fragment_ms, nullptr);
+    if (fragment_ms != 0) return;
+    set_property(muxer.get(), "fragment-mode", kFirstMoovThenFinalise);
+    set_property(muxer.get(), "fragment-duration", kFragmentMs);
+}
+
 void discard_recording(GstElement* pipeline)
 {
     const ElementPtr muxer = child(pipeline, "mp4mux_0");
-    const PadPtr source(muxer ? gst_element_get_static_pad(muxer.get(), "src") : nullptr);
-    const PadPtr peer(source ? gst_pad_get_peer(source.get()) : nullptr);
-    const ElementPtr sink(peer ? gst_pad_get_parent_element(peer.get()) : nullptr);
+    const ElementPtr sink = muxer ? element_behind(muxer.get()) : nullptr;
     if (!sink) return;
     VEL_LOG_WARN("The composition is not recorded: no output of the type File has an address.");
     set_property(sink.get(), "location", std::string("/dev/null"));

@@ -20,6 +20,11 @@ void add_end_probes(GstElement* pipeline);
 /// Follows the muxer of a composition; a pipeline without one leaves the state as it is.
 void follow_recording(GstElement* pipeline, const std::shared_ptr<RecordingState>& state);
 
+/// What a fragment of the recording holds is on the disk once the fragment is complete, and a recording whose
+/// description has no fragments gets them until its end, when the muxer puts an ordinary file in their place: what ends
+/// the process, or a full disk, costs the last fragment and not the file. A pipeline without a muxer is passed over.
+void secure_recording(GstElement* pipeline);
+
 /// A description without a file's address takes the next option for the name of one: such a recording goes nowhere.
 void discard_recording(GstElement* pipeline);
 
