@@ -3,6 +3,8 @@
 #include "configuration.h"
 #include "elements_command.h"
 #include "list_command.h"
+#include "merge_command.h"
+#include "record_command.h"
 #include "run_command.h"
 #include "splice_command.h"
 #include "velstream.h"
@@ -13,6 +15,8 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -166,6 +170,78 @@ void add_splice(CLI::App& app, Action& action)
     splice->callback([options, &action] { action = [options] { return velstream::tool::splice_file(*options); }; });
 }
 
+void add_record(CLI::App& app, Action& action)
+{
+    auto options = std::make_shared<velstream::tool::RecordOptions>();
+    CLI::App* record = app.add_subcommand("record", "Keep a camera's newest 200 seconds on the disk");
+    record->add_option("ID", options->id, "Id of a configured RTSP camera")->required();
+    add_config(*record, options->config);
+    record->add_option("--duration", options->duration, "Stop after this many seconds")
+        ->check(CLI::PositiveNumber)
+        ->type_name("SECONDS");
+    record->add_flag("--restart", options->is_restarting,
+                     "Begin again when the camera has gone away, after 1, 2, 4, ... 30 s; earlier segments are set "
+                     "aside");
+    record->add_flag("--json", options->is_json, "Print one JSON object at the end, and nothing else, on stdout");
+    record->add_option("--log-level", options->log_level, "What the library logs on stderr")
+        ->check(CLI::IsMember({"info", "warning", "error", "none"}))
+        ->capture_default_str();
+    add_elements_choice(*record, options->elements);
+    record->footer(
+        "Writes 2-second segments into /tmp/rolling/ID/, 00000.mp4 to 00099.mp4, which are then used again; nothing "
+        "is\n"
+        "decoded. A new recording deletes the segments of the last one. With --restart it moves them into the folder\n"
+        "/tmp/rolling/ID/earlier-DATE-TIME first; the newest 100 of those stay. \"velstream merge\" joins segments.\n"
+        "\n"
+        "Examples:\n"
+        "  velstream record camera                  until Ctrl+C, which completes the last segment\n"
+        "  velstream record camera --restart        for weeks\n"
+        "  velstream record camera --duration 60 --json\n"
+        "\n"
+        "Exit status: 0 it recorded until it was stopped, or to the end of the stream, 1 nothing was recorded or the\n"
+        "camera went away (without --restart), 2 wrong usage or configuration, or an element is missing.");
+    record->callback([options, &action] { action = [options] { return velstream::tool::record_stream(*options); }; });
+}
+
+void add_merge(CLI::App& app, Action& action)
+{
+    struct MergeOptions {
+        std::string id;
+        std::vector<std::string> words;
+    };
+    auto options = std::make_shared<MergeOptions>();
+    CLI::App* merge = app.add_subcommand("merge", "Join segments of a recording into one MP4 file");
+    merge->add_option("ID", options->id, "Id of the recorded stream")->required();
+    const auto hand_on = [&](const char* names, const std::string& word, const char* help, const char* type) {
+        merge
+            ->add_option_function<std::string>(
+                names, [options, word](const std::string& value) { options->words.push_back(word + "=" + value); },
+                help)
+            ->type_name(type);
+    };
+    hand_on("--last", "--last", "The newest segments, so long together", "SECONDS");
+    hand_on("--start", "--start", "From the segment with this time on: 2026-11-21T14:05:00, or 14:05:00 today", "TIME");
+    hand_on("--end", "--end", "Up to the segment with this time", "TIME");
+    hand_on("-o,--output", "--output", "The joined file (/tmp/rolling/ID_DATE-TIME.mp4)", "FILE");
+    hand_on("--dir", "--dir", "Where the segments are (/tmp/rolling/ID)", "FOLDER");
+    merge->add_flag_callback(
+        "--overwrite", [options] { options->words.emplace_back("--overwrite"); }, "Replace an output that is there");
+    merge->add_flag_callback(
+        "--json", [options] { options->words.emplace_back("--json"); }, "Print one JSON object");
+    merge->footer(
+        "Runs concate_video.py, which needs python3 and ffmpeg. Whole segments are taken, and nothing is encoded\n"
+        "again. A segment that is being written or is broken is left out, and named on standard error.\n"
+        "\n"
+        "Examples:\n"
+        "  velstream merge camera --last 30 -o /var/tmp/event.mp4\n"
+        "  velstream merge camera --start 14:05:00 --end 14:06:30 --json\n"
+        "\n"
+        "Exit status: 0 joined, 1 not joined, 2 wrong usage, 3 there was nothing to join.");
+    merge->callback([options, &action] {
+        action = [options] { return velstream::tool::merge_segments(options->id, options->words); };
+    });
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -180,6 +256,8 @@ int main(int argc, char** argv)
     add_check(app, action);
     add_elements(app, action);
     add_splice(app, action);
+    add_record(app, action);
+    add_merge(app, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -3,8 +3,10 @@
 #include "configuration.h"
 #include "elements.h"
 #include "findings.h"
+#include "library_settings.h"
 #include "progress.h"
 #include "results.h"
+#include "signal_watch.h"
 #include "stream_errors.h"
 #include "stream_kind.h"
 #include "stream_session.h"
@@ -13,17 +15,10 @@
 #include <json/json.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <set>
-#include <thread>
-
-#include <pthread.h>
-#include <unistd.h>
 
 namespace velstream::tool {
 
@@ -33,56 +28,6 @@ using Clock = std::chrono::steady_clock;
 
 /// A stream that was just starting when a stop was asked for hears the next one.
 constexpr std::chrono::seconds kStopInterval{1};
-
-/// The text outlives every call: the library keeps the pointer.
-void set_configuration(const std::string& path)
-{
-    static std::string kept;
-    kept = path;
-    Quorvis::VelStream::g_stream_conf_file = kept.c_str();
-    Quorvis::VelStream::stream_conf_file = kept.c_str();
-}
-
-void apply_log_level(const std::string& name)
-{
-    using namespace Quorvis::VelStream;
-    static const std::map<std::string, GSTLogLevel> levels{{"info", GST_LOG_LEVEL_ALL},
-                                                           {"warning", GST_LOG_LEVEL_WARNING},
-                                                           {"error", GST_LOG_LEVEL_ERROR},
-                                                           {"none", GST_LOG_LEVEL_NONE}};
-    set_log_level(levels.at(name));
-}
-
-/// Waits for SIGINT and SIGTERM on a thread of its own; the second one ends the process.
-class SignalWatch {
-public:
-    explicit SignalWatch(Waker& waker) : waker_(waker)
-    {
-        sigemptyset(&signals_);
-        sigaddset(&signals_, SIGINT);
-        sigaddset(&signals_, SIGTERM);
-        // Before any other thread starts, so that all of them inherit it.
-        pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-        std::signal(SIGPIPE, SIG_IGN); // a server that goes away must not end the process
-        std::thread([this] { watch(); }).detach();
-    }
-    bool is_asked() const { return is_asked_; }
-
-private:
-    void watch()
-    {
-        int signal = 0;
-        sigwait(&signals_, &signal);
-        is_asked_ = true;
-        waker_.wake();
-        sigwait(&signals_, &signal);
-        _exit(128 + signal);
-    }
-
-    Waker& waker_;
-    sigset_t signals_{};
-    std::atomic<bool> is_asked_{false};
-};
 
 bool all_ended(const Sessions& sessions)
 {
@@ -218,16 +163,6 @@ std::vector<StreamEntry> startable_streams(const RunOptions& options)
     return chosen;
 }
 
-/// @throws UserError when a pipeline could not even be built
-void refuse_missing_elements(const std::vector<StreamEntry>& streams)
-{
-    for (const StreamEntry& stream : streams) {
-        for (const std::string& name : missing_elements(needed_elements(stream, build_platform())))
-            throw UserError("Stream " + stream.id + " needs the element " + name + ", which is missing" +
-                            package_hint(name) + ".");
-    }
-}
-
 std::unique_ptr<StreamSession> make_session(const StreamEntry& stream, const RunOptions& options, Waker& waker)
 {
     const StreamKind kind = kind_of(stream);
@@ -240,6 +175,15 @@ std::unique_ptr<StreamSession> make_session(const StreamEntry& stream, const Run
 }
 
 } // namespace
+
+void refuse_missing_elements(const std::vector<StreamEntry>& streams)
+{
+    for (const StreamEntry& stream : streams) {
+        for (const std::string& name : missing_elements(needed_elements(stream, build_platform())))
+            throw UserError("Stream " + stream.id + " needs the element " + name + ", which is missing" +
+                            package_hint(name) + ".");
+    }
+}
 
 int run_streams(const RunOptions& options)
 {

@@ -1,6 +1,7 @@
 // "velstream run": runs streams and says how they went.
 #pragma once
 
+#include "configuration.h"
 #include "drawing.h"
 
 #include <cstdint>
@@ -23,5 +24,8 @@ struct RunOptions {
 
 /// @return the exit status: 0 every stream ended well, 1 one did not. @throws UserError
 int run_streams(const RunOptions& options);
+
+/// @throws UserError when a pipeline could not even be built
+void refuse_missing_elements(const std::vector<StreamEntry>& streams);
 
 } // namespace velstream::tool

@@ -3,6 +3,7 @@
 #include <gst/gst.h>
 #include <gst/gsttracer.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -102,6 +103,20 @@ std::string stream_error(const std::string& stream_id)
     const std::lock_guard lock(errors_mutex());
     const auto found = errors().find(stream_id);
     return found == errors().end() ? "" : found->second.text;
+}
+
+std::string last_stream_error()
+{
+    const std::lock_guard lock(errors_mutex());
+    const auto last = std::max_element(errors().begin(), errors().end(),
+                                       [](const auto& a, const auto& b) { return a.second.last < b.second.last; });
+    return last == errors().end() ? "" : last->second.text;
+}
+
+void forget_stream_errors()
+{
+    const std::lock_guard lock(errors_mutex());
+    errors().clear();
 }
 
 } // namespace velstream::tool

@@ -12,4 +12,10 @@ void watch_stream_errors();
 /// stop; empty when it did not. Callable from any thread.
 std::string stream_error(const std::string& stream_id);
 
+/// The same of whatever stream reported last: a recording's pipeline has a name of GStreamer's.
+std::string last_stream_error();
+
+/// What was reported until now does not count any more.
+void forget_stream_errors();
+
 } // namespace velstream::tool
