@@ -182,6 +182,35 @@ TEST_F(Detection, ASlowModelLeavesFramesOutInItsOwnBranchOnly)
     gst_element_set_state(pipeline.get(), GST_STATE_NULL);
 }
 
+TEST_F(Detection, ALiveBoxStaysUntilTheNextMaskComes)
+{
+    const std::string canvas = size_caps("RGB", kWidth, kHeight);
+    const ElementPtr pipeline(gst_parse_launch(
+        ("qtivcomposer name=scene sink_1::position=<300,120> sink_1::dimensions=<48,48> ! " + kVideo +
+         " ! tee name=split split. ! queue ! qtivcomposer name=mixer1 ! video/x-raw," + canvas +
+         " ! appsink name=out sync=false split. ! queue ! " + branch(ModelOutput::yolov8, "yolov8") +
+         " ! identity sleep-time=300000 ! mixer1. videotestsrc is-live=true pattern=black ! " + kVideo +
+         " ! scene. videotestsrc is-live=true pattern=white ! " + video_caps(size_caps("NV12", 48, 48)) + " ! scene.")
+            .c_str(),
+        nullptr));
+    ASSERT_TRUE(pipeline);
+    const ElementPtr out = element_in(pipeline, "out");
+    gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
+    const auto has_box = [&] {
+        const SamplePtr sample = pull(out);
+        if (!sample) return false;
+        const Frame frame(gst_sample_get_buffer(sample.get()), video_caps(canvas));
+        return box_around(frame, 324, 144) == std::array{300, 120, 348, 168};
+    };
+    int first = 0;
+    while (first < 1000 && !has_box())
+        ++first;
+    ASSERT_LT(first, 1000);
+    for (int i = 0; i < 20; ++i)
+        EXPECT_TRUE(has_box()) << i;
+    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+}
+
 TEST_F(Detection, AFileThatIsNotLiveLosesNoFrame)
 {
     const ElementPtr pipeline(gst_parse_launch(("videotestsrc num-buffers=25 pattern=black ! " + kVideo + " ! " +

@@ -258,6 +258,19 @@ TEST_F(Overlay, PropertiesChangeARunningStream)
     EXPECT_EQ(push_and_pull(harness, input).get(), input.get());
 }
 
+TEST_F(Overlay, PicturesAreMadeAgainOnlyWhenAPropertyChanges)
+{
+    const std::string path = raw_picture(30, 20, {20, 200, 40, 255});
+    const HarnessPtr harness = make_harness("qtivoverlay", kNv12, kNv12);
+    const std::string images = image_text(path, "30,20", "11,13,30,20");
+    g_object_set(element_of(harness), "images", images.c_str(), nullptr);
+    EXPECT_GT(drawn_area(push_and_pull(harness, grey_frame(kNv12)), kNv12)[2], 0);
+    std::filesystem::remove(path);
+    EXPECT_GT(drawn_area(push_and_pull(harness, grey_frame(kNv12)), kNv12)[2], 0);
+    g_object_set(element_of(harness), "images", images.c_str(), nullptr);
+    EXPECT_EQ(drawn_area(push_and_pull(harness, grey_frame(kNv12)), kNv12)[2], 0);
+}
+
 TEST_F(Overlay, NewCapsInMidStreamAreFollowed)
 {
     const HarnessPtr harness = make_harness("qtivoverlay", kNv12, "");
