@@ -23,6 +23,7 @@ constexpr std::chrono::milliseconds kPacketsLook{1};
 
 /// State of one recording. The counter is written by streaming threads, `is_ended` by the client's thread.
 struct Recording {
+    GstClockTime last_time = 0; ///< of streaming threads, which follow one another
     std::atomic<int> frames{0};
     std::atomic<bool> is_ended{false};
 };
@@ -197,9 +198,24 @@ void on_client(GstRTSPServer*, GstRTSPClient* client, gpointer)
     g_signal_connect(client, "pre-teardown-request", G_CALLBACK(on_teardown), nullptr);
 }
 
-GstPadProbeReturn count_frame(GstPad*, GstPadProbeInfo*, gpointer recording)
+/// Packets that come while the server's pipeline is still on its way to PLAYING have no time of arrival, and a muxer of
+/// MP4 refuses what has no time. They come first.
+void give_time(GstPadProbeInfo* info, Recording& recording)
 {
-    if (static_cast<Recording*>(recording)->frames++ == 0) say("record");
+    auto* frame = static_cast<GstBuffer*>(GST_PAD_PROBE_INFO_DATA(info));
+    if (!GST_BUFFER_PTS_IS_VALID(frame)) {
+        frame = gst_buffer_make_writable(frame);
+        GST_BUFFER_PTS(frame) = recording.last_time + GST_MSECOND;
+        GST_PAD_PROBE_INFO_DATA(info) = frame;
+    }
+    recording.last_time = GST_BUFFER_PTS(frame);
+}
+
+GstPadProbeReturn count_frame(GstPad*, GstPadProbeInfo* info, gpointer data)
+{
+    auto& recording = *static_cast<Recording*>(data);
+    give_time(info, recording);
+    if (recording.frames++ == 0) say("record");
     return GST_PAD_PROBE_OK;
 }
 
