@@ -42,15 +42,36 @@ private:
     GstClockTime offset_ = 0;
 };
 
+struct Camera {
+    media::MediaSpec spec;
+    media::MediaSpec later;
+};
+
 /// Draws one frame for each request.
 class CameraFeeder {
 public:
-    explicit CameraFeeder(const media::MediaSpec& spec) : spec_(spec), painter_(spec.width, spec.height) {}
+    explicit CameraFeeder(const Camera& camera)
+        : spec_(camera.spec), later_(camera.later), painter_(spec_.width, spec_.height)
+    {
+    }
 
-    void feed(GstAppSrc* source) { gst_app_src_push_buffer(source, media::make_frame(painter_, spec_, number_++)); }
+    void feed(GstAppSrc* source)
+    {
+        if (number_ == later_.frames) change_size(source);
+        gst_app_src_push_buffer(source, media::make_frame(painter_, spec_, number_++));
+    }
 
 private:
+    void change_size(GstAppSrc* source)
+    {
+        spec_ = later_;
+        painter_ = media::FramePainter(spec_.width, spec_.height);
+        const CapsPtr caps(media::frame_caps(spec_));
+        gst_app_src_set_caps(source, caps.get());
+    }
+
     media::MediaSpec spec_;
+    media::MediaSpec later_;
     media::FramePainter painter_;
     int number_ = 0;
 };
@@ -101,6 +122,7 @@ std::string payload_chain(bool is_h265)
 struct ClipShow {
     std::shared_ptr<const Clip> clip;
     bool is_looped;
+    bool has_sound_only;
 };
 
 void configure_clip(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer data)
@@ -110,16 +132,16 @@ void configure_clip(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer data)
         const ElementPtr source = source_of(media, name);
         connect_feeder(source.get(), track.caps.get(), std::make_unique<TrackFeeder>(show.clip, track, show.is_looped));
     };
-    connect("video", show.clip->video);
+    if (!show.has_sound_only) connect("video", show.clip->video);
     if (show.clip->audio.caps) connect("audio", show.clip->audio);
 }
 
 void configure_camera(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer data)
 {
-    const auto& spec = *static_cast<const media::MediaSpec*>(data);
+    const auto& camera = *static_cast<const Camera*>(data);
     const ElementPtr source = source_of(media, "camera");
-    const CapsPtr caps(media::frame_caps(spec));
-    connect_feeder(source.get(), caps.get(), std::make_unique<CameraFeeder>(spec));
+    const CapsPtr caps(media::frame_caps(camera.spec));
+    connect_feeder(source.get(), caps.get(), std::make_unique<CameraFeeder>(camera));
 }
 
 template <typename T>
@@ -130,20 +152,24 @@ void delete_data(gpointer data, GClosure*)
 
 } // namespace
 
-GstRTSPMediaFactory* make_clip_factory(const std::string& path, bool is_looped, std::string& failure)
+GstRTSPMediaFactory* make_clip_factory(const std::string& path, bool is_looped, bool has_sound_only,
+                                       std::string& failure)
 {
     auto clip = std::make_shared<Clip>();
     failure = load_clip(path, *clip);
     if (!failure.empty()) return nullptr;
-    std::string launch = "( appsrc name=video ! " + payload_chain(clip->is_h265());
-    if (clip->audio.caps) launch += " appsrc name=audio ! aacparse ! rtpmp4gpay name=pay1 pt=97";
+    std::string launch = "( ";
+    if (!has_sound_only) launch += "appsrc name=video ! " + payload_chain(clip->is_h265());
+    if (clip->audio.caps)
+        launch +=
+            std::string(" appsrc name=audio ! aacparse ! rtpmp4gpay pt=97 name=") + (has_sound_only ? "pay0" : "pay1");
     GstRTSPMediaFactory* factory = make_factory(launch + " )");
-    g_signal_connect_data(factory, "media-configure", G_CALLBACK(configure_clip), new ClipShow{clip, is_looped},
-                          delete_data<ClipShow>, GConnectFlags{});
+    g_signal_connect_data(factory, "media-configure", G_CALLBACK(configure_clip),
+                          new ClipShow{clip, is_looped, has_sound_only}, delete_data<ClipShow>, GConnectFlags{});
     return factory;
 }
 
-GstRTSPMediaFactory* make_camera_factory(const media::MediaSpec& spec)
+GstRTSPMediaFactory* make_camera_factory(const media::MediaSpec& spec, const media::MediaSpec& later)
 {
     // One thread: one slice a picture, as cameras do.
     const std::string rate =
@@ -154,8 +180,8 @@ GstRTSPMediaFactory* make_camera_factory(const media::MediaSpec& spec)
                 : "x264enc speed-preset=ultrafast tune=zerolatency threads=1" + rate;
     GstRTSPMediaFactory* factory = make_factory("( appsrc name=camera is-live=true max-buffers=2 ! videoconvert ! " +
                                                 encoder + payload_chain(is_h265) + " )");
-    g_signal_connect_data(factory, "media-configure", G_CALLBACK(configure_camera), new media::MediaSpec(spec),
-                          delete_data<media::MediaSpec>, GConnectFlags{});
+    g_signal_connect_data(factory, "media-configure", G_CALLBACK(configure_camera), new Camera{spec, later},
+                          delete_data<Camera>, GConnectFlags{});
     return factory;
 }
 

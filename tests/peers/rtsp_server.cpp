@@ -22,9 +22,30 @@ struct Options {
     std::string out;
     bool is_looped = false;
     bool is_live = false;
+    bool has_sound_only = false;
+    int close_after = 0; ///< seconds; 0 for never
+    std::string later_size;
+    int size_frames = 50;
     std::string size = "320x240";
     media::MediaSpec camera;
+    media::MediaSpec later;
 };
+
+/// Closes a client's connection some time after it has started to play, without a word.
+void on_play(GstRTSPClient* client, GstRTSPContext*, gpointer options)
+{
+    const auto close = [](gpointer played) -> gboolean {
+        gst_rtsp_client_close(GST_RTSP_CLIENT(played));
+        return G_SOURCE_REMOVE;
+    };
+    g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, static_cast<guint>(static_cast<Options*>(options)->close_after),
+                               close, g_object_ref(client), g_object_unref);
+}
+
+void on_player(GstRTSPServer*, GstRTSPClient* client, gpointer options)
+{
+    g_signal_connect(client, "play-request", G_CALLBACK(on_play), options);
+}
 
 gboolean forget_silent_clients(gpointer pool)
 {
@@ -35,15 +56,16 @@ gboolean forget_silent_clients(gpointer pool)
 GstRTSPMediaFactory* make_factory(const CLI::App& record, Options& options)
 {
     if (record.parsed()) return peers::make_record_factory(options.out);
-    if (options.is_live) return peers::make_camera_factory(options.camera);
+    if (options.is_live) return peers::make_camera_factory(options.camera, options.later);
     std::string failure;
-    GstRTSPMediaFactory* factory = peers::make_clip_factory(options.file, options.is_looped, failure);
+    GstRTSPMediaFactory* factory =
+        peers::make_clip_factory(options.file, options.is_looped, options.has_sound_only, failure);
     if (!factory) std::fprintf(stderr, "velstream-rtsp-peer: %s: %s\n", options.file.c_str(), failure.c_str());
     return factory;
 }
 
 /// Serves until the process is ended.
-int serve(GstRTSPMediaFactory* factory, bool is_recording, const Options& options)
+int serve(GstRTSPMediaFactory* factory, bool is_recording, Options& options)
 {
     const peers::ObjectPtr<GstRTSPServer> server(gst_rtsp_server_new());
     gst_rtsp_server_set_address(server.get(), "127.0.0.1");
@@ -51,6 +73,7 @@ int serve(GstRTSPMediaFactory* factory, bool is_recording, const Options& option
     const peers::ObjectPtr<GstRTSPThreadPool> threads(gst_rtsp_server_get_thread_pool(server.get()));
     gst_rtsp_thread_pool_set_max_threads(threads.get(), 4);
     if (is_recording) peers::watch_recorders(server.get());
+    if (options.close_after > 0) g_signal_connect(server.get(), "client-connected", G_CALLBACK(on_player), &options);
     const peers::ObjectPtr<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server.get()));
     gst_rtsp_mount_points_add_factory(mounts.get(), options.mount.c_str(), factory); // takes the factory
     const peers::ObjectPtr<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server.get()));
@@ -96,6 +119,10 @@ int main(int argc, char** argv)
     play->add_option("--size", options.size, "of the camera's picture, WIDTHxHEIGHT, even, from 320x160 up");
     play->add_option("--fps", options.camera.fps, "of the camera")->check(CLI::PositiveNumber);
     play->add_option("--bitrate", options.camera.bitrate, "of the camera, kbit/s")->check(CLI::PositiveNumber);
+    play->add_option("--then-size", options.later_size, "of the camera's picture from a later frame on");
+    play->add_option("--size-frames", options.size_frames, "frames before --then-size, 50");
+    play->add_flag("--sound-only", options.has_sound_only, "the file's sound without its video");
+    play->add_option("--close-after", options.close_after, "seconds after which a player's connection is closed");
     CLI::App* record = app.add_subcommand("record", "takes what is sent and writes a file of it");
     record->add_option("--out", options.out, "file, .mp4 or .ts")->required();
     CLI11_PARSE(app, argc, argv);
@@ -108,6 +135,15 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "velstream-rtsp-peer: --size %s is not WIDTHxHEIGHT, even, from 320x160 up\n",
                      options.size.c_str());
         return 2;
+    }
+    options.later = options.camera;
+    options.later.frames = -1;
+    if (!options.later_size.empty()) {
+        options.later.frames = options.size_frames;
+        if (!read_size(options.later_size, options.later)) {
+            std::fprintf(stderr, "velstream-rtsp-peer: --then-size %s is no size\n", options.later_size.c_str());
+            return 2;
+        }
     }
     gst_init(nullptr, nullptr);
     GstRTSPMediaFactory* factory = make_factory(*record, options);

@@ -1,4 +1,5 @@
 // The tool with streams that end only because it stops them.
+#include "media.h"
 #include "process.h"
 #include "tool_fixture.h"
 
@@ -124,6 +125,36 @@ TEST_F(LiveTool, PushesWhatItDraws)
     for (std::size_t i = 0; i < last.text.size(); i += 3)
         red += static_cast<unsigned char>(last.text[i]) > 180 && static_cast<unsigned char>(last.text[i + 1]) < 80;
     EXPECT_GT(red, 300);
+}
+
+TEST_F(LiveTool, CameraThatIsSwitchedOffIsToldWithItsCause)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live", "--close-after", "1"});
+    ASSERT_NE(camera.port(), 0);
+    write_clip(1, entry("camera", camera.url()));
+    const Output output = run_software("run camera --json --log-level none");
+    EXPECT_EQ(output.status, 0) << stderr_text();
+    EXPECT_GT(parse_json(output.text)["frames"].asInt(), 0);
+    EXPECT_EQ(stderr_text().rfind("velstream: stream camera ended by itself after ", 0), 0U) << stderr_text();
+    EXPECT_NE(stderr_text().find(", and the last report was: queue_input_src: "), std::string::npos) << stderr_text();
+}
+
+TEST_F(LiveTool, CameraWithSoundOnlyIsToldInOneSentence)
+{
+    write_clip(1);
+    const std::string sound = (folder_ / "sound.mp4").string();
+    media::MediaSpec spec;
+    spec.width = 320;
+    spec.height = 180;
+    spec.frames = 100;
+    spec.has_audio = true;
+    ASSERT_EQ(media::make_media(spec, sound), "");
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--file", sound, "--sound-only"});
+    ASSERT_NE(camera.port(), 0);
+    write_clip(1, entry("camera", camera.url()));
+    EXPECT_EQ(run_software("run camera --json --log-level none").status, 1);
+    EXPECT_EQ(stderr_text().rfind("velstream: stream camera failed before its first frame: ", 0), 0U) << stderr_text();
+    EXPECT_EQ(lines_of(stderr_text()).size(), 1U) << stderr_text();
 }
 
 class LiveToolSignal : public LiveTool, public testing::WithParamInterface<int> {};

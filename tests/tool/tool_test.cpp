@@ -169,6 +169,22 @@ TEST_F(Tool, InputWithNothingToPlayIsToldInOneSentence)
                              "another codec than the entry's \"decodeType\".\n");
 }
 
+TEST_F(Tool, FileThatIsCutShortEndsWellAndIsTold)
+{
+    write_clip();
+    const std::string cut = (folder_ / "cut.mp4").string();
+    ASSERT_EQ(run_command("ffmpeg -v error -i " + clip() + " -c copy -movflags +faststart " + cut).status, 0);
+    std::filesystem::resize_file(cut, std::filesystem::file_size(cut) - 1000);
+    std::filesystem::rename(cut, clip());
+    const Output output = run_software("run clip --log-level none");
+    EXPECT_EQ(output.status, 0);
+    EXPECT_EQ(stderr_text().rfind("velstream: stream clip ended by itself after ", 0), 0U) << stderr_text();
+    EXPECT_NE(stderr_text().find(" frames, and the last report was: qtdemux0: The file is cut short: 1000 bytes are "
+                                 "missing at its end.\n"),
+              std::string::npos)
+        << stderr_text();
+}
+
 TEST_F(Tool, ListIsATableOfTheStreams)
 {
     write_clip();

@@ -146,6 +146,16 @@ void explain_failure(const StreamSession& session, const std::string& log_level)
                      static_cast<unsigned long long>(session.frames()), cause.c_str());
 }
 
+/// An end that counts as a good one may have a cause that is none: a camera that is switched off, a file that is cut
+/// short.
+void explain_end(const StreamSession& session)
+{
+    const std::string report = stream_error(session.id());
+    if (session.is_stopped() || session.is_satisfied() || report.empty()) return;
+    std::fprintf(stderr, "velstream: stream %s ended by itself after %llu frames, and the last report was: %s.\n",
+                 session.id().c_str(), static_cast<unsigned long long>(session.frames()), report.c_str());
+}
+
 /// What the run needs to know of each id. @throws UserError for one that cannot be started
 std::vector<StreamEntry> startable_streams(const RunOptions& options)
 {
@@ -215,7 +225,9 @@ int run_streams(const RunOptions& options)
             print_json(results, *session);
         else
             print_result(results, *session);
-        if (!ended_well(*session)) {
+        if (ended_well(*session)) {
+            explain_end(*session);
+        } else {
             explain_failure(*session, options.log_level);
             status = 1;
         }

@@ -1,6 +1,8 @@
 #include "StreamBuildScope.h"
 
 #include "ElementTools.h"
+#include "Log.h"
+#include "StreamBuildMessages.h"
 
 #include <future>
 #include <utility>
@@ -52,16 +54,33 @@ bool RunScope::play()
 
 MessagePtr RunScope::wait_for_message(GstMessageType types)
 {
+    const auto seen = GstMessageType(types | GST_MESSAGE_WARNING);
     while (!run_->is_stopped()) {
-        MessagePtr message(gst_bus_timed_pop_filtered(data_->bus, kSlice, types));
-        if (message) return message;
+        MessagePtr message(gst_bus_timed_pop_filtered(data_->bus, kSlice, seen));
+        if (!message) continue;
+        note(message.get());
+        if (GST_MESSAGE_TYPE(message.get()) & types) return message;
     }
     return nullptr;
 }
 
 MessagePtr RunScope::wait_for_any_message(GstClockTime timeout)
 {
-    return MessagePtr(gst_bus_timed_pop(data_->bus, timeout));
+    MessagePtr message(gst_bus_timed_pop(data_->bus, timeout));
+    if (message) note(message.get());
+    return message;
+}
+
+void RunScope::note(GstMessage* message)
+{
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING) {
+        const ErrorReport report(message);
+        last_warning_ = std::string(source_name(message)) + ": " + report.text() + " (" + report.debug() + ")";
+    }
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_EOS || last_warning_.empty() || run_->is_stop_asked()) return;
+    VEL_LOG_WARN("Stream %s ends by itself. The last warning came from %s", data_->streamId.c_str(),
+                 last_warning_.c_str());
+    last_warning_.clear();
 }
 
 void RunScope::let_output_finish()

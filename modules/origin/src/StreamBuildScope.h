@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <memory>
+#include <string>
 
 namespace Quorvis::VelStream {
 
@@ -27,7 +28,8 @@ public:
     bool play();
 
     /// The next message of these types; null once another thread has stopped the pipeline. Waits in slices, since a
-    /// pipeline put to NULL flushes its bus and wakes nobody.
+    /// pipeline put to NULL flushes its bus and wakes nobody. Warnings end no stream, but one may be all that is known
+    /// of the cause when a stream ends by itself: the log names the last one then.
     MessagePtr wait_for_message(GstMessageType types);
 
     /// The next message of any type within the time; null on time-out.
@@ -47,8 +49,11 @@ public:
     void release_within(std::chrono::milliseconds bound);
 
 private:
+    void note(GstMessage* message);
+
     PiplineData* data_;
     std::shared_ptr<StreamRun> run_;
+    std::string last_warning_;
 };
 
 /// Sets a pipeline to NULL and releases it; one that does not come down within the bound is left to a thread of

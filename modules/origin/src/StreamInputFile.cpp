@@ -2,6 +2,7 @@
 
 #include "ElementTools.h"
 #include "Log.h"
+#include "Mp4Boxes.h"
 #include "StreamCommon.h"
 
 namespace Quorvis::VelStream {
@@ -28,6 +29,26 @@ void on_no_more_pads(GstElement* demux, GstElement* queue)
         tell_unplayable(demux, "The file has no H.264 or H.265 video.");
 }
 
+/// A file that is cut short plays what is there and ends as a whole one does, or has no index and says only that. Looks
+/// once, before the demuxer's first read.
+GstPadProbeReturn on_first_read(GstPad* sink, GstPadProbeInfo*, gpointer path)
+{
+    const ElementPtr demux(gst_pad_get_parent_element(sink));
+    const auto missing = static_cast<unsigned long long>(missing_mp4_bytes(static_cast<const char*>(path)));
+    if (!demux || missing == 0) return GST_PAD_PROBE_REMOVE;
+    VEL_LOG_WARN("File %s is cut short: %llu bytes are missing at its end.", static_cast<const char*>(path), missing);
+    GST_ELEMENT_WARNING(demux.get(), RESOURCE, READ,
+                        ("The file is cut short: %llu bytes are missing at its end.", missing), (nullptr));
+    return GST_PAD_PROBE_REMOVE;
+}
+
+void watch_first_read(GstElement* demux, const std::string& path)
+{
+    const PadPtr sink(gst_element_get_static_pad(demux, "sink"));
+    if (!sink) return; // another element goes by the demuxer's name
+    gst_pad_add_probe(sink.get(), GST_PAD_PROBE_TYPE_PULL, on_first_read, g_strdup(path.c_str()), g_free);
+}
+
 } // namespace
 
 GstElement* StreamInputFile::build()
@@ -52,6 +73,7 @@ GstElement* StreamInputFile::build()
                           GConnectFlags{});
     g_signal_connect_data(demux.get(), "no-more-pads", G_CALLBACK(on_no_more_pads), queue.get(), nullptr,
                           GConnectFlags{});
+    watch_first_read(demux.get(), input_addr_);
     createSrcPad(bin.get(), decoder.get());
     return bin.release();
 }

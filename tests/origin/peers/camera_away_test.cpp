@@ -72,10 +72,12 @@ TEST_F(Camera, ThatDiesEndsTheCallOrIsWaitedFor)
         // One attempt: the call says what the bus said.
         ASSERT_TRUE(call.wait_for_end());
         std::printf("the call ended %ld ms after the camera\n", milliseconds_since(death));
-        if (has_line_with("E start_ub2404: ERROR from"))
+        if (has_line_with("E start_ub2404: ERROR from")) {
             EXPECT_EQ(call.result(), -1);
-        else
+        } else {
             EXPECT_EQ(call.result(), 0);
+            EXPECT_TRUE(has_line_with("W Stream camera ends by itself. The last warning came from "));
+        }
         EXPECT_NE(log_count("I start_ub2404: End-Of-Stream reached. stream_id=camera") == 0,
                   !has_line_with("E start_ub2404: ERROR from"));
         return;

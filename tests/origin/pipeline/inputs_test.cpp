@@ -102,13 +102,16 @@ TEST_F(BadFile, TruncatedInTheDataPlaysWhatIsThere)
     const std::string cut = folder_.file("cut.mp4");
     ASSERT_EQ(run_command({"ffmpeg", "-v", "error", "-i", path, "-c", "copy", "-movflags", "+faststart", cut}).status,
               0);
-    std::filesystem::resize_file(cut, std::filesystem::file_size(cut) * 2 / 3);
+    const auto whole = std::filesystem::file_size(cut);
+    std::filesystem::resize_file(cut, whole * 2 / 3);
     const ConfigFile config(file_entry(cut));
     const Played played = play_to_end();
     EXPECT_EQ(played.result, result_of_end());
     EXPECT_GT(played.numbers.size(), 5U);
     EXPECT_LT(played.numbers.size(), 30U);
     EXPECT_EQ(played.numbers.at(4), 4);
+    EXPECT_TRUE(log_has("W File " + cut + " is cut short: " + std::to_string(whole - whole * 2 / 3) +
+                        " bytes are missing at its end."));
 }
 
 TEST_F(BadFile, WithSoundOnlyEndsWithAFailure)

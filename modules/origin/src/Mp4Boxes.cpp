@@ -1,0 +1,75 @@
+#include "Mp4Boxes.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+
+namespace Quorvis::VelStream {
+
+namespace {
+
+constexpr std::uint64_t kShortHeader = 8; // size and type
+constexpr std::uint64_t kLongHeader = 16; // a size of 1 means that 64 bits of size follow the type
+constexpr int kMostBoxes = 100000;        // a fragmented file has two for each fragment
+
+std::uint64_t read_big_endian(const unsigned char* bytes, int count)
+{
+    std::uint64_t value = 0;
+    for (int k = 0; k < count; ++k)
+        value = value << 8U | bytes[k];
+    return value;
+}
+
+bool is_type(const unsigned char* bytes)
+{
+    return std::all_of(bytes, bytes + 4, [](unsigned char c) { return c >= 0x20 && c < 0x7f; });
+}
+
+bool begins_as_mp4(const unsigned char* type)
+{
+    constexpr std::array<const char*, 6> kFirst{"ftyp", "moov", "mdat", "free", "skip", "wide"};
+    const std::string text(reinterpret_cast<const char*>(type), 4);
+    return std::any_of(kFirst.begin(), kFirst.end(), [&](const char* first) { return text == first; });
+}
+
+/// @return the size of the box that begins at `at`; none where no box begins, and where the last one has no end of its
+///         own.
+std::optional<std::uint64_t> box_size(std::ifstream& file, std::uint64_t at)
+{
+    std::array<unsigned char, kLongHeader> header{};
+    file.clear();
+    file.seekg(static_cast<std::streamoff>(at));
+    file.read(reinterpret_cast<char*>(header.data()), kLongHeader);
+    const auto read = static_cast<std::uint64_t>(file.gcount());
+    const unsigned char* type = header.data() + 4;
+    if (read < kShortHeader || !is_type(type) || (at == 0 && !begins_as_mp4(type))) return std::nullopt;
+    std::uint64_t size = read_big_endian(header.data(), 4);
+    const bool is_long = size == 1;
+    if (is_long && read < kLongHeader) return std::nullopt;
+    if (is_long) size = read_big_endian(header.data() + 8, 8);
+    return size < (is_long ? kLongHeader : kShortHeader) ? std::nullopt : std::optional(size);
+}
+
+} // namespace
+
+std::uint64_t missing_mp4_bytes(const std::string& path)
+{
+    std::error_code ignored;
+    if (!std::filesystem::is_regular_file(path, ignored)) return 0;
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    const std::streamoff length = file ? std::streamoff(file.tellg()) : -1;
+    if (length <= 0) return 0;
+    const auto end = static_cast<std::uint64_t>(length);
+    std::uint64_t at = 0;
+    for (int count = 0; at < end && count < kMostBoxes; ++count) {
+        const std::optional<std::uint64_t> size = box_size(file, at);
+        if (!size) return 0;
+        if (*size > end - at) return *size - (end - at);
+        at += *size;
+    }
+    return 0;
+}
+
+} // namespace Quorvis::VelStream
