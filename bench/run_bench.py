@@ -11,6 +11,8 @@ import json
 import os
 import platform
 import re
+import shutil
+import signal
 import statistics
 import subprocess
 import sys
@@ -263,6 +265,58 @@ def memory(rounds, environment):
     yield ("A further 720p stream from a file: threads", f"{threads:g}", "", "", "", "")
 
 
+RECORDING_NAME = "Recording 1080p H.264 over RTSP: CPU seconds a minute, against ffmpeg -c copy -f segment"
+PEER = ROOT / "build" / "dev" / "bin" / "velstream-rtsp-peer"
+SETTLING, RECORDED = 5, 20  # seconds: of both recorders before the measurement, and of it
+
+
+def cpu_of(process):
+    fields = Path(f"/proc/{process.pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def record_both(url, folder, environment):
+    """CPU seconds of both recorders at once, on the same stream for the same time."""
+    name = f"bench-{os.getpid()}"
+    config = folder / "streams.conf"
+    config.write_text(json.dumps({"streams": [{"streamsId": name, "properties": {
+        "inputType": "rtsp", "inputAddr": url, "rollingsave": True}}]}))
+    commands = [[BUILD / "bin" / "velstream", "record", name, "--config", config],
+                ["ffmpeg", "-v", "error", "-nostdin", "-rtsp_transport", "tcp", "-i", url, "-c", "copy", "-f", "segment",
+                 "-segment_time", "2", "-segment_wrap", "100", folder / "%05d.mp4"]]
+    recorders = [subprocess.Popen(command, env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                 for command in commands]
+    time.sleep(SETTLING)
+    before = [cpu_of(recorder) for recorder in recorders]
+    time.sleep(RECORDED)
+    after = [cpu_of(recorder) for recorder in recorders]
+    for recorder in recorders:
+        recorder.send_signal(signal.SIGINT)
+        recorder.wait(BOUND)
+    segments = [len(list(place.glob("*.mp4"))) for place in (Path("/tmp/rolling") / name, folder)]
+    shutil.rmtree(Path("/tmp/rolling") / name, ignore_errors=True)
+    if min(segments) < RECORDED // 2:
+        sys.exit(f"run_bench: the recorders have written {segments} segments")
+    return [b - a for a, b in zip(before, after)]
+
+
+def recording(rounds, environment):
+    server = subprocess.Popen([PEER, "play", "--file", H264, "--loop"], stdout=subprocess.PIPE, text=True)
+    try:
+        url = f"rtsp://127.0.0.1:{int(server.stdout.readline().removeprefix('port='))}/test"
+        pairs = []
+        for _ in range(rounds):
+            with tempfile.TemporaryDirectory() as folder:
+                pairs.append(record_both(url, Path(folder), environment))
+    finally:
+        server.kill()
+    ratios = sorted(ours / other for ours, other in pairs)
+    value = statistics.median(ratios)
+    minute = [60 / RECORDED * statistics.median(side) for side in zip(*pairs)]
+    yield (RECORDING_NAME, f"{value:.2f}", f"{ratios[0]:.2f} to {ratios[-1]:.2f}", f"{minute[0]:.2f} s, {minute[1]:.2f} s",
+           "<= 1.5", verdict(value, "<= 1.5"))
+
+
 def micro(program, repetitions, environment):
     """Google Benchmark's medians, by name; the repetitions of the program's benchmarks are shuffled."""
     command = [BUILD / "bin" / program, "--benchmark_format=json", f"--benchmark_repetitions={repetitions}",
@@ -331,7 +385,8 @@ def merged(lines, former):
     """The former table with these rows in place of its own."""
     name = lambda line: line.split(" | ")[0]
     fresh = {name(line): line for line in lines if line.startswith("| ")}
-    return [fresh.get(name(line), line) for line in former]
+    known = {name(line) for line in former}
+    return [fresh.get(name(line), line) for line in former] + [line for key, line in fresh.items() if key not in known]
 
 
 def write_document(lines):
@@ -357,6 +412,8 @@ def main():
     lines = machine(environment, load) + [f"- medians of {options.rounds} rounds", ""]
     rows = []
     sources = [pipelines] if options.only else [functions, pipelines, memory]
+    if options.only in RECORDING_NAME:
+        sources.append(recording)
     for source in sources:
         for row in source(options.rounds, environment):
             print(" | ".join(cell for cell in row if cell), flush=True)
