@@ -191,6 +191,27 @@ int start_stream_input_usbcam(StreamIns& ins, std::function<int8_t(const Image&)
                               std::string stream_id);
 
 /**
+ * Starts two configured streams of one H.264 camera (RTSP), which is decoded once, and blocks until it ends. The
+ * entries have the same "pStreamId", input and "decodeType", each its own output. A stop of either id ends the call.
+ * @param callback_1, callback_2  called with every frame of their stream, each on a streaming thread of its own; moved
+ *                                from once the entries belong together.
+ * @return 0 ended, also by an error, which is logged; -1 an entry is missing, they do not belong together, or the
+ *         pipeline cannot be made.
+ */
+int start_split_stream(std::string id_1, std::function<int8_t(const Image&)>& callback_1, std::string id_2,
+                       std::function<int8_t(const Image&)>& callback_2);
+
+/**
+ * Starts a configured stream that relays sound untouched beside the picture, which is encoded anew, as one MPEG
+ * transport stream, to the RTSP server of its "outputAddr", and blocks until it ends. Also reached by start_stream()
+ * for an entry with "audio". A file's sound and picture are relayed; an RTSP source's picture stays unlinked, so that
+ * it delivers no frames. A stop of its id ends the call.
+ * @param callback   copied; called with every frame of the picture, on a streaming thread.
+ * @return 0 ended, also by an error, which is logged; -1 not built.
+ */
+int start_audio_stream(std::string stream_id, std::function<int8_t(const Image&)>& callback);
+
+/**
  * Starts a decoder for H.265 access units that the application pushes, and returns once its pipeline plays or has
  * failed; it runs on a thread of its own until stop_splice_stream(), and needs no entry in the configuration file.
  * Also reached by start_stream() and start() for the input type "splice".

@@ -50,6 +50,16 @@ int pipeline_data_init(PiplineData* data, std::string stream_id, std::function<i
 int startStream(StreamInput* input, StreamOutput* output, std::string stream_id,
                 std::function<int8_t(const Image&)>& callback);
 
+/**
+ * Runs two streams of one camera, which is decoded once, and blocks until the pipeline ends. A stop of either id ends
+ * it.
+ * @param first, second        their input is the first one's; each has an output of its own.
+ * @param callback_1, callback_2  moved from; each runs on a streaming thread of its own.
+ * @return 0 ended, also by an error, which is logged; -1 not built or not linked.
+ */
+int startStream(StreamIns first, std::function<int8_t(const Image&)>& callback_1, StreamIns second,
+                std::function<int8_t(const Image&)>& callback_2);
+
 // The platforms' runners. Each blocks until the pipeline in `data` ends, and releases it and its bus on every way out.
 // `input` and `output` are borrowed, floating or not; null is a failed link.
 // 0 ended normally, -1 failed.

@@ -211,6 +211,12 @@ void register_pipeline(const std::string& registered_id, GstElement* pipeline, c
     open_run(stream_id, pipeline);
 }
 
+void register_other_id(const std::string& stream_id, GstElement* pipeline)
+{
+    const std::lock_guard lock(registry_mutex());
+    pipeline_map[stream_id] = pipeline;
+}
+
 std::shared_ptr<StreamRun> run_of(const std::string& stream_id, GstElement* pipeline)
 {
     const std::lock_guard lock(registry_mutex());
@@ -299,7 +305,9 @@ std::vector<StopTarget> ask_to_stop(const std::string& stream_id, bool all)
     for (const auto& [id, pipeline] : pipeline_map) {
         if ((!all && id != stream_id) || !pipeline) continue;
         const auto open = find_open(pipeline);
-        targets.push_back({id, reference(pipeline), open != open_runs().end() ? open->run : nullptr});
+        const std::shared_ptr<StreamRun> run = open != open_runs().end() ? open->run : nullptr;
+        if (run && is_among(targets, run.get())) continue; // a pipeline of two ids
+        targets.push_back({id, reference(pipeline), run});
     }
     // Beside the registered pipelines: one that is being rebuilt, and an earlier one whose id was started again.
     for (const OpenRun& open : open_runs()) {

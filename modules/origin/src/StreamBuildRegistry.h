@@ -52,6 +52,9 @@ void register_pipeline(const std::string& stream_id, GstElement* pipeline);
 /// The same under an id of its own, for a run that a stop of `stream_id` ends too.
 void register_pipeline(const std::string& registered_id, GstElement* pipeline, const std::string& stream_id);
 
+/// Makes a registered pipeline the one of a further id, so that a stop of that id finds it too.
+void register_other_id(const std::string& stream_id, GstElement* pipeline);
+
 /// The run of a pipeline. One that nobody registered gets a run of its own under this id, so that a stop finds it.
 std::shared_ptr<StreamRun> run_of(const std::string& stream_id, GstElement* pipeline);
 

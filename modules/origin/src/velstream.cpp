@@ -113,12 +113,6 @@ StreamType stream_type(const std::string& output_type)
     return STREAM_TYPE_NONE;
 }
 
-int refuse_kind(const char* kind, const std::string& stream_id)
-{
-    VEL_LOG_ERROR("Streams of the kind %s are not available in this version. stream_id: %s", kind, stream_id.c_str());
-    return -1;
-}
-
 int start_mp4_output(StreamIns& ins, const std::string& stream_id, bool reads_file,
                      std::function<int8_t(const Image&)>& callback)
 {
@@ -152,7 +146,10 @@ std::optional<int> start_special_stream(StreamIns& ins, const std::string& strea
                                         std::function<int8_t(const Image&)>& callback)
 {
     if (ins.inputType == "splice") return start_splice_stream(stream_id, callback);
-    if (reads_file && ins.audio) return refuse_kind("audio", stream_id);
+    if (reads_file && ins.audio) {
+        VEL_LOG_INFO("Start to launch audio stream. stream_id: %s", stream_id.c_str());
+        return start_audio_stream(stream_id, callback);
+    }
     if (reads_file && ins.rollingsave) {
         VEL_LOG_INFO("Start rolling save. stream_id :%s", stream_id.c_str());
         return start_rolling_save(stream_id);
