@@ -39,10 +39,21 @@ std::string counted(std::size_t number, const char* what)
     return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }
 
-void add_missing_elements(const StreamEntry& stream, Findings& findings)
+/// Of the stream started by itself and, where it has a second half, of both started together.
+std::vector<std::string> all_needed_elements(const StreamEntry& stream, const std::vector<StreamEntry>& streams)
+{
+    std::vector<std::string> names = needed_elements(stream, build_platform());
+    if (!is_half_of_split(stream, streams)) return names;
+    for (const std::string& name : needed_split_elements(stream, build_platform())) {
+        if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+    }
+    return names;
+}
+
+void add_missing_elements(const StreamEntry& stream, const std::vector<StreamEntry>& streams, Findings& findings)
 {
     const std::string path = "$.streams[" + std::to_string(stream.index) + "]";
-    for (const std::string& name : missing_elements(needed_elements(stream, build_platform())))
+    for (const std::string& name : missing_elements(all_needed_elements(stream, streams)))
         findings.push_back(
             {true, stream.id, path, "needs the element " + name + ", which is missing" + package_hint(name)});
 }
@@ -65,7 +76,7 @@ Report examine(const Configuration& configuration)
     add_rules(report.findings, check_together(report.streams));
     for (const StreamEntry& stream : report.streams) {
         add_rules(report.findings, check_stream(stream, build_platform()));
-        add_missing_elements(stream, report.findings);
+        add_missing_elements(stream, report.streams, report.findings);
     }
     std::stable_sort(report.findings.begin(), report.findings.end(),
                      [&configuration](const Finding& one, const Finding& other) {
@@ -83,7 +94,7 @@ void print_text(const Report& report)
                     finding.path.c_str(), finding.text.c_str());
     }
     for (const StreamEntry& stream : report.streams) {
-        const std::string needed = joined(platform_elements_of(needed_elements(stream, build_platform())));
+        const std::string needed = joined(platform_elements_of(all_needed_elements(stream, report.streams)));
         std::printf("%s: %s; platform elements: %s\n", stream.id.c_str(), describe_road(stream).c_str(),
                     needed.empty() ? "none" : needed.c_str());
     }

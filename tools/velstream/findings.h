@@ -24,6 +24,9 @@ Findings check_stream(const StreamEntry& stream, const std::string& platform);
 /// What is wrong between the entries: ids given twice, pairs for a split stream that do not match.
 Findings check_together(const std::vector<StreamEntry>& streams);
 
+/// @throws UserError for two streams that start_split_stream() would not take, or could not read
+void refuse_unlike_pair(const StreamEntry& first, const StreamEntry& second);
+
 /// What does not follow the schema: types, values, unknown keys. @throws UserError when the schema cannot be read
 Findings check_schema(const Json::Value& root);
 

@@ -41,32 +41,42 @@ void add_elements_choice(CLI::App& command, std::string& choice)
         ->capture_default_str();
 }
 
+/// What running streams takes, beside their ids.
+void add_run_options(CLI::App& command, velstream::tool::RunOptions& options)
+{
+    add_config(command, options.config);
+    command.add_option("--duration", options.duration, "Stop after this many seconds")
+        ->check(CLI::PositiveNumber)
+        ->type_name("SECONDS");
+    command
+        .add_option("--frames", options.frames,
+                    "Stop once every stream has delivered this many frames or has ended; further frames are not "
+                    "counted")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
+    command
+        .add_option("--snapshot", options.snapshot_folder,
+                    "Write PNG files of frames into this folder: the first, then every 30th, 100 at most")
+        ->type_name("FOLDER");
+    command.add_flag("--draw-time", options.drawing.has_time, "Draw the time on every frame");
+    command
+        .add_option("--draw-picture", options.drawing.picture,
+                    "Lay a PNG file over every frame, at the top left; what is white or transparent in it is clear")
+        ->type_name("FILE");
+    command.add_flag("--json", options.is_json,
+                     "Print one JSON object a stream at the end, and nothing else, on stdout");
+    command.add_option("--log-level", options.log_level, "What the library logs on stderr")
+        ->check(CLI::IsMember({"info", "warning", "error", "none"}))
+        ->capture_default_str();
+    add_elements_choice(command, options.elements);
+}
+
 void add_run(CLI::App& app, Action& action)
 {
     auto options = std::make_shared<velstream::tool::RunOptions>();
     CLI::App* run = app.add_subcommand("run", "Run streams until they end, Ctrl+C or a limit");
     run->add_option("ID", options->ids, "Ids of configured streams; each runs on a thread of its own")->required();
-    add_config(*run, options->config);
-    run->add_option("--duration", options->duration, "Stop after this many seconds")
-        ->check(CLI::PositiveNumber)
-        ->type_name("SECONDS");
-    run->add_option("--frames", options->frames,
-                    "Stop once every stream has delivered this many frames or has ended; further frames are not "
-                    "counted")
-        ->check(CLI::PositiveNumber)
-        ->type_name("N");
-    run->add_option("--snapshot", options->snapshot_folder,
-                    "Write PNG files of frames into this folder: the first, then every 30th, 100 at most")
-        ->type_name("FOLDER");
-    run->add_flag("--draw-time", options->drawing.has_time, "Draw the time on every frame");
-    run->add_option("--draw-picture", options->drawing.picture,
-                    "Lay a PNG file over every frame, at the top left; what is white or transparent in it is clear")
-        ->type_name("FILE");
-    run->add_flag("--json", options->is_json, "Print one JSON object a stream at the end, and nothing else, on stdout");
-    run->add_option("--log-level", options->log_level, "What the library logs on stderr")
-        ->check(CLI::IsMember({"info", "warning", "error", "none"}))
-        ->capture_default_str();
-    add_elements_choice(*run, options->elements);
+    add_run_options(*run, *options);
     run->footer(
         "Examples:\n"
         "  velstream run camera                        until Ctrl+C, with the installed configuration\n"
@@ -86,6 +96,28 @@ void add_run(CLI::App& app, Action& action)
         "its result: some platforms report a stop, or a file's end, as -1. One that was stopped before its\n"
         "first frame failed.");
     run->callback([options, &action] { action = [options] { return velstream::tool::run_streams(*options); }; });
+}
+
+void add_split(CLI::App& app, Action& action)
+{
+    auto options = std::make_shared<velstream::tool::RunOptions>();
+    options->is_split = true;
+    CLI::App* split = app.add_subcommand("split", "Run two streams of one camera, which is decoded once");
+    split->add_option("ID", options->ids, "Ids of the two entries: one \"pStreamId\", one input, an output each")
+        ->required()
+        ->expected(2)
+        ->type_name("ID1 ID2");
+    add_run_options(*split, *options);
+    split->footer(
+        "Examples:\n"
+        "  velstream split split-shown split-pushed             until Ctrl+C\n"
+        "  velstream split one two -c my.conf --frames 100 --json\n"
+        "\n"
+        "The camera speaks RTSP and sends H.264. Whatever ends one half, ends the other.\n"
+        "\n"
+        "Exit status: 0 both ended well, 1 not so, 2 nothing was started: wrong usage or configuration, or an\n"
+        "element is missing. \"velstream run --help\" says when a stream ended well.");
+    split->callback([options, &action] { action = [options] { return velstream::tool::run_streams(*options); }; });
 }
 
 void add_list(CLI::App& app, Action& action)
@@ -252,6 +284,7 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     app.footer("\"velstream COMMAND --help\" has examples and exit statuses.");
     add_run(app, action);
+    add_split(app, action);
     add_list(app, action);
     add_check(app, action);
     add_elements(app, action);

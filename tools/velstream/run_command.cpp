@@ -86,6 +86,7 @@ bool ended_well(const StreamSession& session)
 {
     if (!session.exception().empty()) return false;
     if (session.is_stopped()) return session.frames() > 0 || !session.has_callback();
+    if (session.silent_pipeline() && !stream_error(*session.silent_pipeline()).empty()) return false;
     return session.result() == 0 || session.is_satisfied();
 }
 
@@ -121,7 +122,7 @@ void print_result(FILE* results, const StreamSession& session)
 /// What an element reported, or where to look when none did: the pipeline may not even have been built.
 std::string cause_of_failure(const StreamSession& session, const std::string& log_level)
 {
-    const std::string error = stream_error(session.id());
+    const std::string error = stream_error(session.silent_pipeline().value_or(session.id()));
     if (!error.empty()) return ": " + error;
     return log_level == "none" ? "; --log-level error shows the cause" : "; the log lines above name the cause";
 }
@@ -178,6 +179,9 @@ std::unique_ptr<StreamSession> make_session(const StreamEntry& stream, const Run
     const StreamKind kind = kind_of(stream);
     auto session = std::make_unique<StreamSession>(stream.id, kind != StreamKind::Rolling, options.frames,
                                                    options.snapshot_folder, waker);
+    // Both runners end with 0 whatever ended them.
+    if (options.is_split) session->set_silent_pipeline(stream.parent);
+    if (kind == StreamKind::AudioRelay) session->set_silent_pipeline(stream.id);
     const bool owns_frame = kind == StreamKind::SaveMp4 || kind == StreamKind::NetworkPush;
     if (options.drawing.has_time || !options.drawing.picture.empty())
         session->set_drawing(std::make_unique<Drawing>(options.drawing, owns_frame));
@@ -186,10 +190,12 @@ std::unique_ptr<StreamSession> make_session(const StreamEntry& stream, const Run
 
 } // namespace
 
-void refuse_missing_elements(const std::vector<StreamEntry>& streams)
+void refuse_missing_elements(const std::vector<StreamEntry>& streams, bool is_split)
 {
     for (const StreamEntry& stream : streams) {
-        for (const std::string& name : missing_elements(needed_elements(stream, build_platform())))
+        const std::vector<std::string> needed =
+            is_split ? needed_split_elements(stream, build_platform()) : needed_elements(stream, build_platform());
+        for (const std::string& name : missing_elements(needed))
             throw UserError("Stream " + stream.id + " needs the element " + name + ", which is missing" +
                             package_hint(name) + ".");
     }
@@ -198,6 +204,7 @@ void refuse_missing_elements(const std::vector<StreamEntry>& streams)
 int run_streams(const RunOptions& options)
 {
     const std::vector<StreamEntry> streams = startable_streams(options);
+    if (options.is_split) refuse_unlike_pair(streams.at(0), streams.at(1));
     if (!options.snapshot_folder.empty()) prepare_snapshot_folder(options.snapshot_folder);
     if (!options.drawing.picture.empty()) read_overlay(options.drawing.picture); // before anything is started
 
@@ -208,14 +215,16 @@ int run_streams(const RunOptions& options)
     set_configuration(options.config);
     apply_log_level(options.log_level);
     choose_elements(options.elements);
-    refuse_missing_elements(streams);
+    refuse_missing_elements(streams, options.is_split);
     watch_stream_errors();
 
     Sessions sessions;
     for (const StreamEntry& stream : streams)
         sessions.push_back(make_session(stream, options, waker));
-    for (const auto& session : sessions)
-        session->start();
+    if (options.is_split)
+        StreamSession::start_split(*sessions.at(0), *sessions.at(1));
+    else
+        std::for_each(sessions.begin(), sessions.end(), [](const auto& session) { session->start(); });
     wait_for_end(sessions, options, signals, waker);
 
     int status = 0;

@@ -12,6 +12,7 @@ namespace velstream::tool {
 
 struct RunOptions {
     std::vector<std::string> ids;
+    bool is_split = false; ///< the two ids are one camera's, decoded once
     std::string config;
     double duration = 0; ///< seconds; 0 for no limit
     uint64_t frames = 0; ///< of each stream; 0 for no limit
@@ -26,6 +27,6 @@ struct RunOptions {
 int run_streams(const RunOptions& options);
 
 /// @throws UserError when a pipeline could not even be built
-void refuse_missing_elements(const std::vector<StreamEntry>& streams);
+void refuse_missing_elements(const std::vector<StreamEntry>& streams, bool is_split = false);
 
 } // namespace velstream::tool

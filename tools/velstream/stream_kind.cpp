@@ -140,6 +140,22 @@ std::string describe_road(const StreamEntry& stream)
     return type + " -> callback" + (output.empty() ? "" : ", " + output);
 }
 
+std::vector<std::string> needed_split_elements(const StreamEntry& stream, const std::string& platform)
+{
+    Names names{"rtspsrc", "rtph264depay", "h264parse", "v4l2h264dec", "qtivsplit", "qtivtransform"};
+    const std::string type = stream.text("outputType");
+    if (type == "rtsp" || type == "wayland") append(names, output_elements(stream, platform));
+    return names;
+}
+
+bool is_half_of_split(const StreamEntry& stream, const std::vector<StreamEntry>& streams)
+{
+    if (stream.parent.empty() || kind_of(stream) != StreamKind::Ordinary) return false;
+    return std::any_of(streams.begin(), streams.end(), [&stream](const StreamEntry& other) {
+        return other.index != stream.index && other.parent == stream.parent && kind_of(other) == StreamKind::Ordinary;
+    });
+}
+
 std::vector<std::string> needed_elements(const StreamEntry& stream, const std::string& platform)
 {
     Names names;

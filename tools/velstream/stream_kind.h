@@ -21,5 +21,9 @@ std::string describe_road(const StreamEntry& stream);
 
 /// The elements of its pipeline that may be missing, without GStreamer's own core elements, in the order of the data.
 std::vector<std::string> needed_elements(const StreamEntry& stream, const std::string& platform);
+/// The same for its half of a split stream.
+std::vector<std::string> needed_split_elements(const StreamEntry& stream, const std::string& platform);
+/// True for an entry whose parent another one names as well: start_split_stream() serves both.
+bool is_half_of_split(const StreamEntry& stream, const std::vector<StreamEntry>& streams);
 
 } // namespace velstream::tool

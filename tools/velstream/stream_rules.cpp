@@ -135,6 +135,8 @@ void Rules::check_audio_relay()
     check_url("outputAddr", "rtsp");
     if (input == "file" && stream_.codec("decodeType") == "H265")
         error("decodeType", "\"H265\" is not relayed from a file: \"audio\" takes H.264 there");
+    if (input == "rtsp" && platform_ == "v4l2" && stream_.codec("decodeType") == "H265")
+        error("decodeType", "\"H265\" is not relayed in the v4l2 build, whose encoder here is for H.264");
     if (input == "rtsp") warn("audio", "from an RTSP source links the sound only: its video stays unlinked");
 }
 
@@ -197,6 +199,11 @@ bool has_same_source(const StreamEntry& one, const StreamEntry& other)
            one.codec("decodeType") == other.codec("decodeType");
 }
 
+bool is_split_source(const StreamEntry& stream)
+{
+    return stream.text("inputType") == "rtsp" && stream.codec("decodeType") == "H264";
+}
+
 /// Two entries with one parent are made for start_split_stream().
 void check_pair(const StreamEntry& first, const StreamEntry& second, Findings& findings)
 {
@@ -205,7 +212,7 @@ void check_pair(const StreamEntry& first, const StreamEntry& second, Findings& f
         findings.push_back({true, second.id, path,
                             quoted(second.parent) + " is shared with stream " + first.id +
                                 ", but \"inputType\", \"inputAddr\" and \"decodeType\" are not the same"});
-    else if (second.text("inputType") != "rtsp" || second.codec("decodeType") != "H264")
+    else if (!is_split_source(second))
         findings.push_back(
             {false, second.id, path,
              quoted(second.parent) + " is no source for a split stream, which reads RTSP with H.264 only"});
@@ -232,6 +239,20 @@ Findings check_together(const std::vector<StreamEntry>& streams)
         if (!is_new) check_pair(*first->second, stream, findings);
     }
     return findings;
+}
+
+void refuse_unlike_pair(const StreamEntry& first, const StreamEntry& second)
+{
+    const std::string pair = "Streams " + first.id + " and " + second.id;
+    for (const StreamEntry* stream : {&first, &second}) {
+        if (kind_of(*stream) != StreamKind::Ordinary)
+            throw UserError("Stream " + stream->id + " is no stream of a camera.");
+    }
+    if (first.parent != second.parent || first.parent == "empty_p")
+        throw UserError(pair + " have not the same \"pStreamId\".");
+    if (!has_same_source(first, second))
+        throw UserError(pair + " have not the same \"inputType\", \"inputAddr\" and \"decodeType\".");
+    if (!is_split_source(first)) throw UserError(pair + " cannot be split: that takes RTSP with H.264.");
 }
 
 void refuse_errors(const Findings& findings)

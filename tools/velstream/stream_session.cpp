@@ -47,6 +47,12 @@ void StreamSession::start()
     thread_ = std::thread([this] { run(); });
 }
 
+void StreamSession::start_split(StreamSession& first, StreamSession& second)
+{
+    first.start_ = second.start_ = Clock::now();
+    first.thread_ = std::thread([&first, &second] { first.run_split(second); });
+}
+
 void StreamSession::join()
 {
     if (thread_.joinable()) thread_.join();
@@ -60,14 +66,38 @@ void StreamSession::mark_stopped()
 
 void StreamSession::run()
 {
-    std::function<int8_t(const Quorvis::VelStream::Image&)> callback = [this](const Quorvis::VelStream::Image& image) {
-        return take(image);
-    };
+    Callback frames = callback();
     try {
-        result_ = Quorvis::VelStream::start_stream(id_, callback);
+        note_end(Quorvis::VelStream::start_stream(id_, frames), {});
     } catch (const std::exception& error) {
-        exception_ = error.what();
+        note_end(-1, error.what());
     }
+}
+
+void StreamSession::run_split(StreamSession& second)
+{
+    Callback frames = callback();
+    Callback other_frames = second.callback();
+    int result = -1;
+    std::string exception;
+    try {
+        result = Quorvis::VelStream::start_split_stream(id_, frames, second.id_, other_frames);
+    } catch (const std::exception& error) {
+        exception = error.what();
+    }
+    second.note_end(result, exception);
+    note_end(result, exception);
+}
+
+StreamSession::Callback StreamSession::callback()
+{
+    return [this](const Quorvis::VelStream::Image& image) { return take(image); };
+}
+
+void StreamSession::note_end(int result, const std::string& exception)
+{
+    result_ = result;
+    exception_ = exception;
     end_ = (Clock::now() - start_).count();
     is_ended_ = true;
     waker_.wake();

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -44,6 +45,10 @@ public:
     /// Before the start: what is drawn on each frame.
     void set_drawing(std::unique_ptr<Drawing> drawing) { drawing_ = std::move(drawing); }
     void start();
+    /// Starts both as one split stream: one call, on the first one's thread, serves them.
+    static void start_split(StreamSession& first, StreamSession& second);
+    /// Before the start: this pipeline's errors are not told by the call's result, but by what its elements report.
+    void set_silent_pipeline(std::string name) { silent_pipeline_ = std::move(name); }
     /// The tool is about to stop it: unless it has ended already, its end is then not its own.
     void mark_stopped();
     /// Waits for its end and its snapshots.
@@ -67,15 +72,22 @@ public:
     /// The tool stopped it before it ended by itself.
     bool is_stopped() const { return is_stopped_; }
     int result() const { return result_; }
+    /// The pipeline whose errors the result does not tell; nothing where it does.
+    const std::optional<std::string>& silent_pipeline() const { return silent_pipeline_; }
     /// What start_stream raised, or nothing.
     const std::string& exception() const { return exception_; }
 
 private:
     using Clock = std::chrono::steady_clock;
+    using Callback = std::function<int8_t(const Quorvis::VelStream::Image&)>;
     void run();
+    void run_split(StreamSession& second);
+    Callback callback();
+    void note_end(int result, const std::string& exception);
     int8_t take(const Quorvis::VelStream::Image& image);
 
     std::string id_;
+    std::optional<std::string> silent_pipeline_;
     bool has_callback_;
     uint64_t frame_limit_;
     Waker& waker_;
