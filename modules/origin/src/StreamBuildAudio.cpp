@@ -209,7 +209,7 @@ int StreamBuildAudio::init_rtsp_intput()
         VEL_LOG_INFO("Input rtsp is h265. Including rtph265depay and h265parse.");
         made_.depay = make_element("rtph265depay", "rtph265depay_rtsp_input");
         made_.input_parser = make_element("h265parse", "h265parse_rtsp_input");
-    } else {
+    } else if (property_.decodeType == "H264") { // another codec has no elements
         VEL_LOG_INFO("Input rtsp is h264. Including rtph264depay and h264parse.");
         made_.depay = make_element("rtph264depay", "rtph264depay_rtsp_input");
         made_.input_parser = make_element("h264parse", "h264parse_rtsp_input");

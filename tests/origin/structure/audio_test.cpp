@@ -364,6 +364,15 @@ TEST_F(AudioRelay, MissingElementsAreLoggedStepByStep)
                               "E init_audio - Not all elements could be created.\n");
 }
 
+TEST_F(AudioRelay, CameraOfAnotherCodecIsRefused)
+{
+    describe(entry("rtsp", "h264"));
+    EXPECT_EQ(assemble(), -1);
+    EXPECT_EQ(log_lines(),
+              (Lines{"I Init pipeline.", "I Init rtsp input.", decoder_line(),
+                     "E init_rtsp_intput - Not all elements could be created.\n"}));
+}
+
 TEST_F(AudioRelay, PipelineThatCannotBeMadeIsLogged)
 {
     describe(entry("file"));
