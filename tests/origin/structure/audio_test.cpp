@@ -368,9 +368,8 @@ TEST_F(AudioRelay, CameraOfAnotherCodecIsRefused)
 {
     describe(entry("rtsp", "h264"));
     EXPECT_EQ(assemble(), -1);
-    EXPECT_EQ(log_lines(),
-              (Lines{"I Init pipeline.", "I Init rtsp input.", decoder_line(),
-                     "E init_rtsp_intput - Not all elements could be created.\n"}));
+    EXPECT_EQ(log_lines(), (Lines{"I Init pipeline.", "I Init rtsp input.", decoder_line(),
+                                  "E init_rtsp_intput - Not all elements could be created.\n"}));
 }
 
 TEST_F(AudioRelay, PipelineThatCannotBeMadeIsLogged)
