@@ -3,6 +3,7 @@
 #include "BuilderList.h"
 #include "ElementTools.h"
 #include "Log.h"
+#include "RtspPush.h"
 #include "StreamBuild.h"
 #include "StreamBuildMessages.h"
 #include "StreamBuildRegistry.h"
@@ -279,7 +280,7 @@ void StreamBuildAudio::make_output_parser()
 int StreamBuildAudio::init_rtsp_output()
 {
     VEL_LOG_INFO("Init rtsp output.");
-    made_.sink = make_located("rtspclientsink", nullptr, property_.outputAddr);
+    made_.sink = make_rtsp_push(nullptr, property_.outputAddr);
     made_.encoder = make_element("qtic2venc");
     make_output_parser();
     made_.muxer = make_muxer();
@@ -292,7 +293,7 @@ int StreamBuildAudio::init_rtsp_output_6490_ql()
 {
     VEL_LOG_INFO("Init rtsp output based on 6490_ql.");
     VEL_LOG_INFO("Target address: %s", property_.outputAddr.c_str());
-    made_.sink = make_located("rtspclientsink", nullptr, property_.outputAddr);
+    made_.sink = make_rtsp_push(nullptr, property_.outputAddr);
     made_.encoder = make_element("v4l2h264enc");
     set_io_modes(made_.encoder.get(), {5, 5});
     make_output_parser();
