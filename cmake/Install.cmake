@@ -13,11 +13,21 @@ install(TARGETS gstvelsoftware
   LIBRARY DESTINATION ${VELSTREAM_PLUGIN_INSTALL_DIR} COMPONENT software)
 install(TARGETS velstream
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+# The library reads its configuration at one fixed place, and runs the merge script at another; a package has them there
+# whatever its prefix is, and with the tool, so that libraries of two versions can stand side by side.
+if(VELSTREAM_PACKAGING)
+  set(conf_component tool)
+  set(fixed_prefix /usr/local/)
+else()
+  set(conf_component library)
+  set(fixed_prefix "")
+endif()
+install(FILES conf/velstream-gst.conf
+  DESTINATION ${fixed_prefix}${VELSTREAM_CONF_INSTALL_DIR} COMPONENT ${conf_component})
+install(FILES conf/velstream-gst.schema.json
+  DESTINATION ${VELSTREAM_CONF_INSTALL_DIR} COMPONENT ${conf_component})
 # The library runs it as /usr/local/bin/concate_video.py, the tool as the one beside itself.
-install(PROGRAMS scripts/concate_video.py
-  DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
-install(FILES conf/velstream-gst.conf conf/velstream-gst.schema.json
-  DESTINATION ${VELSTREAM_CONF_INSTALL_DIR} COMPONENT library)
+install(PROGRAMS scripts/concate_video.py DESTINATION ${fixed_prefix}bin COMPONENT tool)
 install(FILES include/velstream.h modules/velclog/include/velclog.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
