@@ -4,8 +4,9 @@
 #include "frame_numbers.h"
 #include "process.h"
 
-#include <fstream>
+#include <set>
 #include <sstream>
+#include <utility>
 
 namespace velstream::testing {
 
@@ -43,6 +44,19 @@ protected:
             .output;
     }
 
+    /// Its codecs and its container, as they come.
+    static std::vector<std::string> kinds_in(const std::string& path)
+    {
+        std::istringstream output(
+            run_command({"ffprobe", "-v", "error", "-show_entries", "format=format_name:stream=codec_name", "-of",
+                         "default=noprint_wrappers=1:nokey=1", path})
+                .output);
+        std::set<std::string> kinds; // a program names its streams once more
+        for (std::string line; std::getline(output, line);)
+            kinds.insert(line);
+        return {kinds.begin(), kinds.end()};
+    }
+
     static bool has_line_with(const std::string& part)
     {
         for (const std::string& line : log_lines()) {
@@ -68,23 +82,40 @@ TEST_F(SoundRelay, FileReachesTheRecorderWithItsSoundUntouched)
     EXPECT_TRUE(log_has("I End-Of-Stream reached."));
     EXPECT_EQ(numbers.all(), numbers_below(kFrames));
     EXPECT_EQ(recorder.read_until("eos "), "eos frames=" + std::to_string(kFrames));
+    EXPECT_EQ(kinds_in(recorded), (std::vector<std::string>{"aac", "h264", "mpegts"}));
     EXPECT_EQ(numbers_in_file(recorded), numbers_below(kFrames));
     const std::string sound = sound_of(input);
     EXPECT_GT(sound.size(), 2000U);
     EXPECT_EQ(sound_of(recorded), sound);
 }
 
-TEST_F(SoundRelay, StopEndsTheCall)
+TEST_F(SoundRelay, StopOfItsIdOrOfAllEndsTheCall)
 {
-    const std::string recorded = folder_.file("recorded.ts");
-    peers::RtspPeer recorder(RTSP_PEER, {"record", "--out", recorded});
+    constexpr int kMoreThanIsRelayed = 900;
+    peers::RtspPeer recorder(RTSP_PEER, {"record", "--out", folder_.file("recorded.ts")});
     ASSERT_NE(recorder.port(), 0);
-    const ConfigFile config(entry("file", make(900), recorder.url()));
-    StreamCall call(configured_stream("relay"));
-    ASSERT_TRUE(call.wait_for_frames(30));
-    EXPECT_TRUE(stop_ends_call(call, "relay"));
+    const ConfigFile config(entry("file", make(kMoreThanIsRelayed), recorder.url()));
+    for (const char* id : {"relay", "all_stream"}) {
+        StreamCall call(configured_stream("relay"));
+        ASSERT_TRUE(call.wait_for_frames(30)) << id;
+        EXPECT_TRUE(stop_ends_call(call, id)) << id;
+        EXPECT_EQ(call.result(), 0) << id;
+        EXPECT_LT(call.frames(), kMoreThanIsRelayed) << id;
+    }
+}
+
+TEST_F(SoundRelay, StopOfAnotherStreamDoesNotEndTheCall)
+{
+    peers::RtspPeer recorder(RTSP_PEER, {"record", "--out", folder_.file("recorded.ts")});
+    ASSERT_NE(recorder.port(), 0);
+    const ConfigFile config(entry("file", make(), recorder.url()));
+    bool is_first = true;
+    StreamCall call(configured_stream("relay"), [&](const Image&) {
+        if (std::exchange(is_first, false)) Quorvis::VelStream::gstreamer_pipeline_shutdown("another");
+    });
+    ASSERT_TRUE(call.wait_for_end());
     EXPECT_EQ(call.result(), 0);
-    EXPECT_LT(call.frames(), 900);
+    EXPECT_EQ(call.frames(), kFrames);
 }
 
 TEST_F(SoundRelay, ServerThatIsNotThereEndsTheCallWithItsError)

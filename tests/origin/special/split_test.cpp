@@ -7,7 +7,6 @@
 #include "process.h"
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -176,21 +175,20 @@ TEST_F(SplitCamera, SlowCallbackHoldsUpTheOtherOnlyWithAFullQueue)
     const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
     ASSERT_NE(camera.port(), 0);
     const ConfigFile config(pair(camera.url()));
+    constexpr int kHeld = 5;
+    constexpr int kQueued = 3; // what the splitter keeps for a branch
     Gate gate;
-    std::atomic<bool> is_held{false};
-    std::atomic<int> meanwhile{0};
     bool has_passed = false;
     FrameNumbers first;
     FrameNumbers second;
     StreamCall call(split([&](const Image& image) {
                         second.take(image);
-                        if (is_held && ++meanwhile == 3) gate.open();
+                        if (image.frameIndex == kHeld + kQueued) gate.open();
                     }),
                     [&](const Image& image) {
                         first.take(image);
-                        if (image.frameIndex != 5) return;
-                        is_held = true;
-                        has_passed = gate.pass(); // this branch stands still until the other has had three frames
+                        // This branch stands still until the other has had what is queued here meanwhile.
+                        if (image.frameIndex == kHeld) has_passed = gate.pass();
                     });
     ASSERT_TRUE(call.wait_for_frames(20));
     EXPECT_TRUE(stop_ends_call(call, "two"));
@@ -242,7 +240,7 @@ TEST_F(SplitCamera, WindowShowsTheCamera)
 TEST_F(SplitCamera, TwoRecordersHaveEveryFrame)
 {
     const peers::RtspPeer camera(RTSP_PEER, {"play", "--file", make()});
-    const std::string paths[] = {folder_.file("one.mp4"), folder_.file("two.mp4")};
+    const std::string paths[] = {folder_.file("one.ts"), folder_.file("two.ts")};
     peers::RtspPeer recorder(RTSP_PEER, {"record", "--out", paths[0]});
     peers::RtspPeer other_recorder(RTSP_PEER, {"record", "--out", paths[1]});
     ASSERT_TRUE(camera.port() && recorder.port() && other_recorder.port());
