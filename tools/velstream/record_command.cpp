@@ -32,7 +32,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kTick{200};
 constexpr std::chrono::seconds kPlainInterval{5};
 constexpr std::chrono::seconds kStopInterval{1}; // a recording that was just starting hears the next stop
-constexpr double kSilence = 5.0;                 // seconds without a byte that are worth a word
+constexpr double kSilence = 8.0;                 // seconds without a byte that are worth a word
 constexpr std::chrono::seconds kFirstPause{1};
 constexpr std::chrono::seconds kLongestPause{30};
 
@@ -67,11 +67,11 @@ private:
 /// On standard error: a line that is written over on a terminal, plain lines now and then elsewhere.
 class RecordProgress {
 public:
+    bool is_due() const { return Clock::now() >= next_; }
     void show(const std::string& id, const SegmentCount& segments, Clock::time_point start)
     {
         if (segments.bytes != bytes_) last_change_ = Clock::now();
         bytes_ = segments.bytes;
-        if (Clock::now() < next_) return;
         next_ = Clock::now() + (is_terminal_ ? std::chrono::milliseconds(kTick) : kPlainInterval);
         std::fprintf(stderr, "%s%s: %zu segments, %.1f MB, %.0f s", is_terminal_ ? "\r\033[K" : "", id.c_str(),
                      segments.files, static_cast<double>(segments.bytes) / 1e6, seconds_since(start));
@@ -166,7 +166,7 @@ void Recorder::record()
             next_stop = Clock::now() + kStopInterval;
             continue;
         }
-        progress.show(options_.id, folder_.segments(), start);
+        if (progress.is_due()) progress.show(options_.id, folder_.segments(), start);
         waker_.wait_for(kTick);
     }
     progress.finish();
