@@ -107,6 +107,14 @@ TEST_F(MlQnn, AnOpenSizeIsAnErrorThatNamesTheShape)
     EXPECT_EQ(run_model(path).text, "The input <<1,3,0,0>> of the model \"" + path + "\" has no fixed size.");
 }
 
+TEST_F(MlQnn, WeightsInOtherFilesAreAnError)
+{
+    SquareDetector detector = kSmall;
+    detector.has_other_files = true;
+    const std::string path = model(detector);
+    EXPECT_EQ(run_model(path).text, "The model \"" + path + "\" keeps weights in other files, which is not supported.");
+}
+
 TEST_F(MlQnn, AnOperatorThatNobodyKnowsIsAnError)
 {
     SquareDetector detector = kSmall;

@@ -34,6 +34,8 @@ OnnxHeader read_header(const std::string& path)
     const auto header =
         read_onnx_header({contents ? contents : "", contents ? g_mapped_file_get_length(file.get()) : 0});
     if (!header) throw NetworkError("The model " + in_quotes(path) + " is no ONNX model.");
+    if (header->has_other_files)
+        throw NetworkError("The model " + in_quotes(path) + " keeps weights in other files, which is not supported.");
     return *header;
 }
 

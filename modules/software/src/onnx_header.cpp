@@ -139,24 +139,57 @@ std::size_t bytes_of(uint64_t type)
 struct Weights {
     std::string name;
     bool is_whole = true;
+    bool is_elsewhere = false; ///< in a file of its own
 };
 
-/// TensorProto. Numbers that are there raw are as many as the dimensions say.
+/// Numbers of variable length, one after the other: each ends with a byte below 128.
+std::size_t count_varints(const Field& field)
+{
+    if (field.bytes.empty()) return 1;
+    return static_cast<std::size_t>(
+        std::count_if(field.bytes.begin(), field.bytes.end(), [](char byte) { return (byte & 0x80) == 0; }));
+}
+
+/// How many numbers the fields of a TensorProto hold; those of one tensor all stand in one kind of field.
+struct NumberCounts {
+    std::size_t floats = 0, int32s = 0, int64s = 0, doubles = 0, uint64s = 0, raw_bytes = 0;
+
+    void add(const Field& field)
+    {
+        if (field.number == 4) floats += field.bytes.size() / 4;
+        if (field.number == 5) int32s += count_varints(field);
+        if (field.number == 7) int64s += count_varints(field);
+        if (field.number == 9) raw_bytes += field.bytes.size();
+        if (field.number == 10) doubles += field.bytes.size() / 8;
+        if (field.number == 11) uint64s += count_varints(field);
+    }
+    bool are(uint64_t count, uint64_t type) const
+    {
+        const std::size_t numbers = floats + int32s + int64s + doubles + uint64s;
+        if (raw_bytes == 0) return numbers == count;
+        return numbers == 0 && bytes_of(type) > 0 && raw_bytes == count * bytes_of(type);
+    }
+};
+
+/// TensorProto. What reads models takes as many numbers as the dimensions say, whether they are there or not.
 Weights read_weights(std::string_view bytes)
 {
+    constexpr uint64_t kMaxCount = uint64_t{1} << 40;
+    constexpr uint64_t kString = 8;
     Weights weights;
+    NumberCounts numbers;
     uint64_t count = 1;
     uint64_t type = 0;
-    std::optional<std::size_t> size;
-    weights.is_whole = for_each_field(bytes, [&](const Field& field) {
-        if (field.number == 1 && field.bytes.empty())
-            count = field.value > 0 && count > std::numeric_limits<uint32_t>::max() ? 0 : count * field.value;
+    const bool is_message = for_each_field(bytes, [&](const Field& field) {
+        if (field.number == 1 && field.value > kMaxCount) weights.is_whole = false;
+        if (field.number == 1) count = count > kMaxCount ? count : count * std::min(field.value, kMaxCount);
         if (field.number == 2) type = field.value;
         if (field.number == 8) weights.name = std::string(field.bytes);
-        if (field.number == 9) size = field.bytes.size();
+        if (field.number == 13) weights.is_elsewhere = true;
+        numbers.add(field);
     });
-    const std::size_t number_size = bytes_of(type);
-    if (size && number_size > 0 && *size != count * number_size) weights.is_whole = false;
+    weights.is_whole &=
+        is_message && count <= kMaxCount && (weights.is_elsewhere || type == kString || numbers.are(count, type));
     return weights;
 }
 
@@ -164,15 +197,30 @@ Weights read_weights(std::string_view bytes)
 struct Node {
     std::vector<std::string> inputs, outputs;
     bool is_whole = true;
+    bool is_elsewhere = false;
 };
+
+/// AttributeProto.
+void read_attribute(std::string_view bytes, Node& node)
+{
+    const bool is_message = for_each_field(bytes, [&node](const Field& field) {
+        if (field.number != 5) return;
+        const Weights weights = read_weights(field.bytes);
+        node.is_whole &= weights.is_whole;
+        node.is_elsewhere |= weights.is_elsewhere;
+    });
+    node.is_whole &= is_message;
+}
 
 Node read_node(std::string_view bytes)
 {
     Node node;
-    node.is_whole = for_each_field(bytes, [&node](const Field& field) {
+    const bool is_message = for_each_field(bytes, [&node](const Field& field) {
         if (field.number == 1) node.inputs.emplace_back(field.bytes);
         if (field.number == 2) node.outputs.emplace_back(field.bytes);
+        if (field.number == 5) read_attribute(field.bytes, node);
     });
+    node.is_whole &= is_message;
     return node;
 }
 
@@ -182,7 +230,8 @@ public:
     /// GraphProto.
     explicit Graph(std::string_view bytes)
     {
-        is_whole_ = for_each_field(bytes, [this](const Field& field) { read(field); });
+        const bool is_message = for_each_field(bytes, [this](const Field& field) { read(field); });
+        is_whole_ &= is_message;
         std::erase_if(header_.inputs, [this](const OnnxValue& input) { return weights_.contains(input.name); });
         for (const OnnxValue& input : header_.inputs)
             known_.insert(input.name);
@@ -208,6 +257,7 @@ private:
         if (field.number != 5) return;
         const Weights weights = read_weights(field.bytes);
         is_whole_ &= weights.is_whole;
+        header_.has_other_files |= weights.is_elsewhere;
         weights_.insert(weights.name);
     }
 
@@ -215,6 +265,7 @@ private:
     void follow(const Node& node)
     {
         is_whole_ &= node.is_whole && !node.outputs.empty();
+        header_.has_other_files |= node.is_elsewhere;
         for (const std::string& input : node.inputs)
             is_whole_ &= input.empty() || known_.contains(input);
         known_.insert(node.outputs.begin(), node.outputs.end());

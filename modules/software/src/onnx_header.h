@@ -24,6 +24,7 @@ struct OnnxValue {
 struct OnnxHeader {
     std::vector<OnnxValue> inputs; ///< without the weights, which old files list among them
     std::vector<OnnxValue> outputs;
+    bool has_other_files = false; ///< weights stand in files of their own
 };
 
 /// None: `bytes` are not a whole ONNX model, or it has no input or output.

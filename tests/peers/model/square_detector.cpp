@@ -164,6 +164,11 @@ private:
         add_constant(floats("grey_weights", {1, 3, 1, 1}, std::vector<float>(3, 1.0F / 3.0F)));
         add_node(node(detector_.is_unknown_operator ? "Guess" : "Conv", {"image", "grey_weights"}, "grey",
                       {attribute("kernel_shape", Shape{1, 1})}));
+        if (detector_.has_other_files) {
+            const Message place = Message().text(1, "location").text(2, "weights.bin");
+            add_constant(
+                Message().number(1, 9).number(2, kFloat).text(8, "absent_weights").message(13, place).number(14, 1));
+        }
         add_sum("inner", detector_.square, 0, 1.0F / inside + 1.0F / outside);
         add_sum("outer", side, ring, -1.0F / outside);
         add_node(node("Add", {"inner", "outer"}, "score_map"));

@@ -19,6 +19,7 @@ struct SquareDetector {
     bool takes_bytes = false;      ///< input <1,H,W,3> of UINT8 in place of <1,3,H,W> of FLOAT, 0 to 1
     bool has_open_batch = false;
     bool has_open_size = false;
+    bool has_other_files = false;     ///< says that weights stand in a file of their own
     bool is_unknown_operator = false; ///< one that nobody can run
 };
 
