@@ -107,13 +107,15 @@ std::vector<CommandResult> run_rounds(const std::vector<std::vector<std::string>
 
 int be_round(const std::vector<std::string>& arguments)
 {
-    // input, its address, output, its address, frames before the stop or 0, and "deinit" for the leak tracer
+    // input, its address, output, its address, frames before the stop or 0; for the leak tracer "deinit", or "keep" for
+    // something to find
     gst_init(nullptr, nullptr);
     const StreamCall::Start start = arguments.at(2) == "rtmp" ? stream_to_rtmp(arguments.at(1), arguments.at(3))
                                                               : stream_of(arguments.at(0), arguments.at(1),
                                                                           output_of(arguments.at(2)), arguments.at(3));
     const int status = run_stream(start, std::stoi(arguments.at(4)));
-    if (arguments.size() > 5 && arguments[5] == "deinit") gst_deinit();
+    if (arguments.size() > 5 && arguments[5] == "keep") gst_element_factory_make("fakesink", nullptr);
+    if (arguments.size() > 5) gst_deinit();
     return status;
 }
 
