@@ -24,7 +24,7 @@ else()
 endif()
 install(FILES conf/velstream-gst.conf
   DESTINATION ${fixed_prefix}${VELSTREAM_CONF_INSTALL_DIR} COMPONENT ${conf_component})
-install(FILES conf/velstream-gst.schema.json
+install(FILES conf/velstream-gst.schema.json conf/velstream-compose.schema.json
   DESTINATION ${VELSTREAM_CONF_INSTALL_DIR} COMPONENT ${conf_component})
 # The library runs it as /usr/local/bin/concate_video.py, the tool as the one beside itself.
 install(PROGRAMS scripts/concate_video.py DESTINATION ${fixed_prefix}bin COMPONENT tool)

@@ -107,7 +107,8 @@ TEST_F(Install, PutsEveryFileInItsPlace)
           library / "cmake/velstream-gst/velstream-gst-config-version.cmake",
           library / "velstream-gst/gstreamer-1.0/libgstvelsoftware.so",
           fs::path("share/velstream-gst/conf/velstream-gst.conf"),
-          fs::path("share/velstream-gst/conf/velstream-gst.schema.json")})
+          fs::path("share/velstream-gst/conf/velstream-gst.schema.json"),
+          fs::path("share/velstream-gst/conf/velstream-compose.schema.json")})
         EXPECT_TRUE(fs::exists(prefix_ / path)) << path;
     const fs::path link = library_folder() / "libvelstream-gst.so";
     EXPECT_TRUE(fs::is_symlink(link));

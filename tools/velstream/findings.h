@@ -28,10 +28,10 @@ Findings check_together(const std::vector<StreamEntry>& streams);
 void refuse_unlike_pair(const StreamEntry& first, const StreamEntry& second);
 
 /// What does not follow the schema: types, values, unknown keys. @throws UserError when the schema cannot be read
-Findings check_schema(const Json::Value& root);
+Findings check_schema(const Json::Value& root, const std::string& schema = "velstream-gst.schema.json");
 
 /// Where the schema lies: beside this program's installation or in its build folder.
-std::string schema_path();
+std::string schema_path(const std::string& schema);
 
 /// The first error as one sentence: "Stream clip: \"outputAddr\" is empty: ...". @throws UserError when there is one
 void refuse_errors(const Findings& findings);

@@ -1,5 +1,6 @@
 // The command-line tool: checks, lists and runs the streams of a configuration file.
 #include "check_command.h"
+#include "compose_command.h"
 #include "configuration.h"
 #include "elements_command.h"
 #include "list_command.h"
@@ -274,6 +275,38 @@ void add_merge(CLI::App& app, Action& action)
     });
 }
 
+void add_compose(CLI::App& app, Action& action)
+{
+    auto options = std::make_shared<velstream::tool::ComposeOptions>();
+    CLI::App* compose = app.add_subcommand("compose", "Put four cameras on one canvas, record and push it");
+    compose->add_option("LAYOUT", options->layout, "JSON file: scenario, inputs, outputs, model")->required();
+    compose->add_option("--duration", options->duration, "Stop after this many seconds")
+        ->check(CLI::PositiveNumber)
+        ->type_name("SECONDS");
+    compose->add_flag("--check", options->is_check, "Say what is wrong with the layout and start nothing");
+    compose->add_flag("--json", options->is_json, "Print one JSON object at the end, and nothing else, on stdout");
+    compose->add_option("--log-level", options->log_level, "What the library logs on stderr")
+        ->check(CLI::IsMember({"info", "warning", "error", "none"}))
+        ->capture_default_str();
+    add_elements_choice(*compose, options->elements);
+    compose->footer("Scenarios: 4 recorded, with logo, text and detection; 5 recorded plainly; 6 recorded and "
+                    "pushed; 7 pushed.\n"
+                    "\n"
+                    "Examples:\n"
+                    "  velstream compose layout.json                   until Ctrl+C\n"
+                    "  velstream compose layout.json --duration 30 --json\n"
+                    "  velstream compose layout.json --check\n"
+                    "\n"
+                    "A file that is there already is replaced. Ctrl+C (or SIGTERM) stops and completes it, a "
+                    "second one ends the\n"
+                    "program at once.\n"
+                    "\n"
+                    "Exit status: 0 it ran until it was stopped or its cameras ended, 1 it failed, 2 nothing was "
+                    "started: wrong\n"
+                    "usage or layout, or an element is missing.");
+    compose->callback([options, &action] { action = [options] { return velstream::tool::compose(*options); }; });
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -291,6 +324,7 @@ int main(int argc, char** argv)
     add_splice(app, action);
     add_record(app, action);
     add_merge(app, action);
+    add_compose(app, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -176,10 +176,10 @@ std::string stream_of(const Json::Value& document, const std::vector<std::string
     return entry.isObject() && entry["streamsId"].isString() ? entry["streamsId"].asString() : "";
 }
 
-Json::Value read_schema()
+Json::Value read_schema(const std::string& schema)
 {
     try {
-        return read_configuration(schema_path()).root;
+        return read_configuration(schema_path(schema)).root;
     } catch (const UserError& error) {
         throw UserError("The schema that configurations are checked against is not installed: " +
                         std::string(error.what()));
@@ -188,15 +188,15 @@ Json::Value read_schema()
 
 } // namespace
 
-std::string schema_path()
+std::string schema_path(const std::string& schema)
 {
     const fs::path prefix = fs::read_symlink("/proc/self/exe").parent_path().parent_path();
-    return (prefix / VELSTREAM_CONF_SUBDIR / "velstream-gst.schema.json").lexically_normal().string();
+    return (prefix / VELSTREAM_CONF_SUBDIR / schema).lexically_normal().string();
 }
 
-Findings check_schema(const Json::Value& root)
+Findings check_schema(const Json::Value& root, const std::string& schema_name)
 {
-    const Json::Value definition = read_schema();
+    const Json::Value definition = read_schema(schema_name);
     valijson::Schema schema;
     valijson::SchemaParser().populateSchema(valijson::adapters::JsonCppAdapter(definition), schema);
     valijson::ValidationResults results;
