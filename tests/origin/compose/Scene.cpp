@@ -19,11 +19,14 @@ std::string hex(Colour colour)
     return text;
 }
 
-void make_clip(const std::string& path, const std::string& codec, Colour colour)
+void make_clip(const std::string& path, const std::string& codec, Colour colour, bool has_square)
 {
     const std::string source =
         "color=c=" + hex(colour) + ":s=640x360:r=10:d=2,drawbox=x=0:y=0:w=320:h=60:c=white:t=fill";
-    std::vector<std::string> command{"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", source, "-pix_fmt", "yuv420p"};
+    const std::string square =
+        has_square ? ",drawbox=x=348:y=96:w=200:h=200:c=black:t=fill,drawbox=x=400:y=148:w=96:h=96:c=white:t=fill" : "";
+    std::vector<std::string> command{"ffmpeg", "-v", "error",         "-y",       "-f",
+                                     "lavfi",  "-i", source + square, "-pix_fmt", "yuv420p"};
     const std::vector<std::string> h264{"-c:v", "libx264", "-preset", "ultrafast", "-g", "10", "-bf", "0"};
     const std::vector<std::string> h265{"-c:v",      "libx265",      "-preset",
                                         "ultrafast", "-x265-params", "log-level=error:keyint=10:bframes=0",
@@ -40,7 +43,7 @@ Cameras::Cameras(const TemporaryFolder& folder, const std::string& codec)
 {
     for (std::size_t i = 0; i < kCameraColours.size(); ++i) {
         const std::string clip = folder.file("camera" + std::to_string(i) + ".mp4");
-        make_clip(clip, codec, kCameraColours[i]);
+        make_clip(clip, codec, kCameraColours[i], i == kSquareCamera);
         servers_.push_back(
             std::make_unique<peers::RtspPeer>(RTSP_PEER, std::vector<std::string>{"play", "--file", clip, "--loop"}));
     }

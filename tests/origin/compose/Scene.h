@@ -29,6 +29,9 @@ struct Colour {
 /// What the four cameras show: one colour, and a white bar along the top of the left half.
 inline constexpr std::array<Colour, 4> kCameraColours{{{200, 30, 30}, {30, 160, 30}, {30, 30, 200}, {180, 160, 20}}};
 
+/// The camera that has a white square of 96 pixels on black too, for a detector: at 400,148 of its picture.
+inline constexpr std::size_t kSquareCamera = 3;
+
 /// RTSP servers that play 640x360 at 10 frames a second until the object ends.
 class Cameras {
 public:

@@ -1,6 +1,7 @@
 // Whole compositions: cameras that play, what is written and pushed, and how it ends.
 #include "RecordedLog.h"
 #include "Scene.h"
+#include "square_detector.h"
 
 #include <gst/gst.h>
 
@@ -40,6 +41,39 @@ protected:
         }
     }
     static void add_output(VelStreamEngine& engine, Task task) { ASSERT_EQ(engine.add_task(TASK_ADD_OUTPUT, task), 0); }
+    void add_model(VelStreamEngine& engine)
+    {
+        const std::string model = folder_.file("squares.onnx");
+        velstream::test::write_file(model, velstream::test::make_square_detector({}));
+        const std::string labels = folder_.file("labels.txt");
+        velstream::test::write_file(labels, "square\n");
+        Task task{{"Model", model}, {"MlModule", "yolov8"}, {"Labels", labels}};
+        ASSERT_EQ(engine.add_task(TASK_SET_MODEL, task), 0);
+    }
+    std::string logo()
+    {
+        const std::string path = folder_.file("logo.png");
+        write_logo(path, "magenta");
+        return path;
+    }
+    static long red_pixels(const Picture& picture, int x, int y, int width, int height)
+    {
+        return picture.count_near(x, y, width, height, {255, 40, 40});
+    }
+    /// Cameras, logo, text and the box around the square, on a canvas of 1280x720 scaled to this width.
+    static void expect_overlays(const Picture& picture, int width)
+    {
+        const auto at = [width](int value) { return value * width / 1280; };
+        ASSERT_TRUE(shows_all_cameras(picture, width, width * 9 / 16));
+        // Logo and text have the pixels of what they are drawn on.
+        EXPECT_TRUE(is_near(picture.at(72, 172), {255, 0, 255}));
+        EXPECT_GT(picture.count_near(700, 140, 200, 100, {255, 255, 255}), 500);
+        // The square lies at 1040,508 to 1136,604; its frame is red, and what is inside stays white.
+        EXPECT_GT(red_pixels(picture, at(1030), at(498), at(20), at(116)), 80);
+        EXPECT_GT(red_pixels(picture, at(1126), at(498), at(20), at(116)), 80);
+        EXPECT_GT(red_pixels(picture, at(1030), at(594), at(116), at(20)), 80);
+        EXPECT_TRUE(is_near(picture.at(at(1088), at(560)), {255, 255, 255}));
+    }
     void stop_within_bounds(VelStreamEngine& engine, EngineCall& call)
     {
         EXPECT_EQ(engine.stop(), 0);
@@ -174,4 +208,143 @@ TEST_F(Scenario, ThreeCamerasLeaveAQuarterFree)
     const Picture picture = picture_of(file_, 1280, 720);
     ASSERT_TRUE(picture.is_there());
     EXPECT_TRUE(is_near(picture.at(960, 540), {0, 0, 0}));
+}
+
+// ---- With overlays and detection
+
+namespace {
+
+class OverlayScenario : public Scenario, public ::testing::WithParamInterface<const char*> {
+protected:
+    std::string codec_name() const { return std::string(GetParam()) == "h265" ? "hevc" : "h264"; }
+};
+
+} // namespace
+
+TEST_P(OverlayScenario, RecordsWithLogoTextAndDetection)
+{
+    start_cameras(GetParam());
+    VelStreamEngine engine(SCENARIO_FILE);
+    add_cameras(engine, GetParam());
+    add_output(engine, output_task("File", file_, logo()));
+    add_model(engine);
+    EngineCall call(engine);
+    ASSERT_TRUE(wait_for_fragments(file_, 2, call));
+    stop_within_bounds(engine, call);
+    EXPECT_TRUE(log_has("I 👀 Adding probe to tee src pad: src_0"));
+    EXPECT_TRUE(log_has("I ✅ save_queue src pad received EOS. "));
+    const FileFacts facts = probe_file(file_);
+    EXPECT_EQ(facts.codec, codec_name());
+    EXPECT_EQ(facts.width, 1280);
+    EXPECT_GE(facts.seconds, 2.0);
+    expect_overlays(picture_of(file_, 1280, 720), 1280);
+}
+
+TEST_F(Scenario, RecordsAndPushes)
+{
+    start_cameras("h264");
+    const std::string pushed = folder_.file("pushed.mp4");
+    peers::RtspPeer server(RTSP_PEER, {"record", "--out", pushed});
+    ASSERT_NE(server.port(), 0);
+    VelStreamEngine engine(SCENARIO_FILE_AND_RTSP);
+    add_cameras(engine, "h264");
+    add_output(engine, output_task("File", file_, logo()));
+    add_output(engine, output_task("Rtsp", server.url(), folder_.file("logo.png")));
+    add_model(engine);
+    EngineCall call(engine);
+    ASSERT_TRUE(server.read_until("record"));
+    ASSERT_TRUE(wait_for_fragments(file_, 3, call));
+    stop_within_bounds(engine, call);
+    EXPECT_TRUE(server.read_until("eos frames="));
+    const FileFacts file = probe_file(file_);
+    EXPECT_EQ(file.codec, "h264");
+    EXPECT_EQ(file.width, 1280);
+    EXPECT_EQ(file.height, 720);
+    expect_overlays(picture_of(file_, 1280, 720), 1280);
+    const FileFacts push = probe_file(pushed);
+    EXPECT_EQ(push.codec, "h264");
+    EXPECT_EQ(push.width, 1920);
+    EXPECT_EQ(push.height, 1080);
+    EXPECT_GT(push.frames, 5);
+    expect_overlays(picture_of(pushed, 1920, 1080), 1920);
+}
+
+TEST_P(OverlayScenario, Pushes)
+{
+    start_cameras(GetParam());
+    const std::string pushed = folder_.file("pushed.mp4");
+    peers::RtspPeer server(RTSP_PEER, {"record", "--out", pushed});
+    VelStreamEngine engine(SCENARIO_RTSP);
+    add_cameras(engine, GetParam());
+    add_output(engine, output_task("Rtsp", server.url(), logo()));
+    add_model(engine);
+    EngineCall call(engine);
+    ASSERT_TRUE(server.read_until("record"));
+    EXPECT_FALSE(call.wait_for_end(std::chrono::seconds(4))); // what is recorded
+    stop_within_bounds(engine, call);
+    EXPECT_TRUE(server.read_until("eos frames="));
+    EXPECT_TRUE(log_has("W ❌ mp4mux element not found in pipeline."));
+    EXPECT_EQ(probe_file(pushed).codec, codec_name());
+    expect_overlays(picture_of(pushed, 1920, 1080), 1920);
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, OverlayScenario, ::testing::Values("h264", "h265"));
+
+// ---- Faults
+
+TEST_F(Scenario, PushThatIsRefusedIsNamed)
+{
+    start_cameras("h264");
+    VelStreamEngine engine(SCENARIO_FILE_AND_RTSP);
+    add_cameras(engine, "h264");
+    add_output(engine, output_task("File", file_, logo()));
+    add_output(engine, output_task("Rtsp", "rtsp://127.0.0.1:1/nobody", folder_.file("logo.png")));
+    add_model(engine);
+    EngineCall call(engine);
+    ASSERT_TRUE(call.wait_for_end());
+    EXPECT_EQ(call.result(), 0);
+    bool is_named = false;
+    for (const std::string& line : log_lines())
+        is_named = is_named ||
+                   (line.find("E Composition: ") == 0 && line.find("rtsp://127.0.0.1:1/nobody") != std::string::npos);
+    EXPECT_TRUE(is_named);
+}
+
+TEST_F(Scenario, LogoThatIsAbsentCostsOnlyTheLogo)
+{
+    start_cameras("h264");
+    write_logo(folder_.file("logo.png"), "magenta");
+    velstream::test::write_file(folder_.file("no-picture.png"), "text");
+    for (const char* name : {"none.png", "no-picture.png"}) {
+        clear_log();
+        std::filesystem::remove(file_);
+        VelStreamEngine engine(SCENARIO_FILE);
+        add_cameras(engine, "h264");
+        add_output(engine, output_task("File", file_, folder_.file(name)));
+        add_model(engine);
+        EngineCall call(engine);
+        ASSERT_TRUE(wait_for_fragments(file_, 2, call));
+        stop_within_bounds(engine, call);
+        EXPECT_TRUE(shows_all_cameras(picture_of(file_, 1280, 720), 1280, 720));
+        bool is_named = false;
+        for (const std::string& line : log_lines())
+            is_named = is_named || (line.find("W Composition: ") == 0 && line.find(name) != std::string::npos);
+        EXPECT_TRUE(is_named) << name;
+    }
+}
+
+TEST_F(Scenario, ModelThatIsAbsentIsNamed)
+{
+    start_cameras("h264");
+    VelStreamEngine engine(SCENARIO_FILE);
+    add_cameras(engine, "h264");
+    add_output(engine, output_task("File", file_, logo()));
+    Task task{{"Model", "/nowhere/model.onnx"}, {"MlModule", "yolov8"}, {"Labels", "/nowhere/labels.txt"}};
+    ASSERT_EQ(engine.add_task(TASK_SET_MODEL, task), 0);
+    EngineCall call(engine);
+    ASSERT_TRUE(call.wait_for_end());
+    bool is_named = false;
+    for (const std::string& line : log_lines())
+        is_named = is_named || (line.find("E ERROR: ") == 0 && line.find("/nowhere/model.onnx") != std::string::npos);
+    EXPECT_TRUE(is_named);
 }
