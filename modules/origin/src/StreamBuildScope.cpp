@@ -12,10 +12,44 @@ namespace Quorvis::VelStream {
 namespace {
 
 constexpr GstClockTime kSlice = 100 * GST_MSECOND;
+constexpr std::chrono::milliseconds kPoll{50};         ///< in which a stopped pipeline's coming down is looked at
+constexpr std::chrono::milliseconds kSourceBound{200}; ///< that its sources have for themselves
 
 BusPtr take_bus(PiplineData* data)
 {
     return BusPtr(std::exchange(data->bus, nullptr));
+}
+
+/// Sets a pipeline to NULL on a thread of GStreamer's, which keeps it for so long.
+std::future<void> set_null_elsewhere(GstElement* pipeline)
+{
+    using Done = std::shared_ptr<std::promise<void>>;
+    const Done done = std::make_shared<std::promise<void>>();
+    gst_element_call_async(
+        pipeline,
+        [](GstElement* element, gpointer user_data) {
+            gst_element_set_state(element, GST_STATE_NULL);
+            (*static_cast<Done*>(user_data))->set_value();
+        },
+        new Done(done), [](gpointer user_data) { delete static_cast<Done*>(user_data); });
+    return done->get_future();
+}
+
+/// True when nothing but sources is still up. A pipeline comes down from its sinks to its sources, and each element's
+/// streaming threads have left it by then: no frame is delivered any more.
+bool are_only_sources_up(GstElement* pipeline)
+{
+    const IteratorPtr elements(gst_bin_iterate_recurse(GST_BIN(pipeline)));
+    GValue value = G_VALUE_INIT;
+    bool is_other_up = false;
+    while (!is_other_up && gst_iterator_next(elements.get(), &value) == GST_ITERATOR_OK) {
+        auto* element = GST_ELEMENT(g_value_get_object(&value));
+        is_other_up = !GST_IS_BIN(element) && !GST_OBJECT_FLAG_IS_SET(element, GST_ELEMENT_FLAG_SOURCE) &&
+                      GST_STATE(element) > GST_STATE_READY;
+        g_value_reset(&value);
+    }
+    g_value_unset(&value);
+    return !is_other_up;
 }
 
 ElementPtr first_child(GstBin* bin)
@@ -98,7 +132,27 @@ void RunScope::set_null()
 
 void RunScope::release()
 {
-    release_pipeline(data_);
+    if (run_->is_stopped())
+        release_stopped();
+    else
+        release_pipeline(data_);
+}
+
+/// The stop is taking the pipeline down. A source that waits for a server in a read of its own may keep it from that
+/// for as long as the server is silent (rtmpsrc closes the socket, which wakes no reader); the caller need not wait.
+void RunScope::release_stopped()
+{
+    const BusPtr bus = take_bus(data_);
+    const ElementPtr pipeline(std::exchange(data_->pipeline, nullptr));
+    if (!pipeline) return;
+    forget_pipeline(pipeline.get());
+    const std::future<void> done = set_null_elsewhere(pipeline.get());
+    while (done.wait_for(kPoll) == std::future_status::timeout) {
+        if (!are_only_sources_up(pipeline.get())) continue;
+        if (done.wait_for(kSourceBound) == std::future_status::ready) return;
+        VEL_LOG_WARN("The source of stream %s does not come down; it is left behind.", data_->streamId.c_str());
+        return;
+    }
 }
 
 void RunScope::release_within(std::chrono::milliseconds bound)
@@ -113,16 +167,7 @@ void RunScope::release_within(std::chrono::milliseconds bound)
 void take_down(ElementPtr pipeline, std::chrono::milliseconds bound)
 {
     if (!pipeline) return;
-    using Done = std::shared_ptr<std::promise<void>>;
-    const Done done = std::make_shared<std::promise<void>>();
-    gst_element_call_async(
-        pipeline.get(),
-        [](GstElement* element, gpointer user_data) {
-            gst_element_set_state(element, GST_STATE_NULL);
-            (*static_cast<Done*>(user_data))->set_value();
-        },
-        new Done(done), [](gpointer user_data) { delete static_cast<Done*>(user_data); });
-    done->get_future().wait_for(bound);
+    set_null_elsewhere(pipeline.get()).wait_for(bound);
 }
 
 void clear_pipeline(GstElement* pipeline)

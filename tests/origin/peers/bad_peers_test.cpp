@@ -197,4 +197,20 @@ TEST_F(BadPeer, RtmpServerThatMaySendSoundFirstIsPlayedOrNamed)
     });
 }
 
+/// The client's read waits for as long as the server is silent, and nothing wakes it.
+TEST_F(BadPeer, RtmpServerThatFallsSilentIsStoppedAllTheSame)
+{
+    peers::RtmpServer server;
+    ASSERT_NE(server.port(), 0);
+    peers::RtmpPublisher publisher(make_clip(true), server.url());
+    ASSERT_TRUE(server.wait_for("publish:"));
+    const ConfigFile config(entry("rtmp", server.url() + " live=1"));
+    StreamCall call(configured_stream("camera"));
+    ASSERT_TRUE(call.wait_for_frames(10));
+    publisher.pause();
+    while (call.wait_for_frames(call.frames() + 1, std::chrono::seconds(1))) {
+    }
+    EXPECT_TRUE(stop_ends_call(call, "camera"));
+}
+
 } // namespace velstream::testing
