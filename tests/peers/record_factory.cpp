@@ -19,13 +19,15 @@ namespace {
 
 constexpr char kStateKey[] = "velstream-recording";
 constexpr std::chrono::seconds kPacketsBound{2};
-constexpr std::chrono::milliseconds kPacketsLook{1};
+constexpr std::chrono::seconds kFileBound{10};
+constexpr std::chrono::milliseconds kLook{1};
 
-/// State of one recording. The counter is written by streaming threads, `is_ended` by the client's thread.
+/// State of one recording. `is_ended` is written by the client's thread, the rest by streaming threads.
 struct Recording {
     GstClockTime last_time = 0; ///< of streaming threads, which follow one another
     std::atomic<int> frames{0};
     std::atomic<bool> is_ended{false};
+    std::atomic<bool> is_written{false}; ///< The file has its end, a muxer's index included.
 };
 
 void say(const std::string& line)
@@ -171,9 +173,43 @@ void wait_for_packets(GstRTSPMedia* media)
     for (const char* factory : {"appsrc", "udpsrc"}) {
         for (const ElementPtr& source : elements_of(media, factory)) {
             while (!is_read_out(source.get()) && std::chrono::steady_clock::now() < deadline)
-                std::this_thread::sleep_for(kPacketsLook);
+                std::this_thread::sleep_for(kLook);
         }
     }
+}
+
+/// What a client's announcement becomes. The server ends a recording twice, when the client says that it ends and when
+/// its connection closes, and the second time waits for nothing: the file's index may be on its way then.
+struct RecordMedia {
+    GstRTSPMedia parent;
+};
+struct RecordMediaClass {
+    GstRTSPMediaClass parent;
+};
+G_DEFINE_TYPE(RecordMedia, record_media, GST_TYPE_RTSP_MEDIA)
+
+gboolean end_file(GstRTSPMedia* media)
+{
+    const gboolean result = GST_RTSP_MEDIA_CLASS(record_media_parent_class)->unprepare(media);
+    const Recording* recording = recording_of(media);
+    const auto deadline = std::chrono::steady_clock::now() + kFileBound;
+    while (recording->frames > 0 && !recording->is_written && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(kLook);
+    return result;
+}
+
+void record_media_class_init(RecordMediaClass* media_class)
+{
+    GST_RTSP_MEDIA_CLASS(media_class)->unprepare = end_file;
+}
+
+void record_media_init(RecordMedia*) {}
+
+GstPadProbeReturn note_file_end(GstPad*, GstPadProbeInfo* info, gpointer recording)
+{
+    if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS)
+        static_cast<Recording*>(recording)->is_written = true;
+    return GST_PAD_PROBE_OK;
 }
 
 /// The client has ended its stream itself: what it sent before is complete. Some only pause before they go.
@@ -258,6 +294,8 @@ void configure_recording(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer pat
     const ElementPtr bin(gst_rtsp_media_get_element(media));
     const ElementPtr file(gst_bin_get_by_name(GST_BIN(bin.get()), "file"));
     g_object_set(file.get(), "location", numbered(*static_cast<const std::string*>(path), ++number).c_str(), nullptr);
+    gst_pad_add_probe(PadPtr(gst_element_get_static_pad(file.get(), "sink")).get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+                      note_file_end, recording.get(), nullptr);
     if (const ElementPtr parser{gst_bin_get_by_name(GST_BIN(bin.get()), "counted")})
         count_frames_of(PadPtr(gst_element_get_static_pad(parser.get(), "src")).get(), recording.get());
     if (const ElementPtr demux{gst_bin_get_by_name(GST_BIN(bin.get()), "counted-demux")})
@@ -275,6 +313,7 @@ GstRTSPMediaFactory* make_record_factory(const std::string& path)
     record->path = new std::string(path);
     GstRTSPMediaFactory* factory = GST_RTSP_MEDIA_FACTORY(record);
     gst_rtsp_media_factory_set_transport_mode(factory, GST_RTSP_TRANSPORT_MODE_RECORD);
+    gst_rtsp_media_factory_set_media_gtype(factory, record_media_get_type());
     gst_rtsp_media_factory_set_eos_shutdown(factory, TRUE); // the muxer writes its index at the end
     g_signal_connect(factory, "media-configure", G_CALLBACK(configure_recording), record->path);
     return factory;

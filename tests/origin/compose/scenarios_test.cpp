@@ -240,14 +240,14 @@ TEST_P(OverlayScenario, RecordsWithLogoTextAndDetection)
     expect_overlays(picture_of(file_, 1280, 720), 1280);
 }
 
-TEST_F(Scenario, RecordsAndPushes)
+TEST_P(OverlayScenario, RecordsAndPushes)
 {
-    start_cameras("h264");
+    start_cameras(GetParam());
     const std::string pushed = folder_.file("pushed.mp4");
     peers::RtspPeer server(RTSP_PEER, {"record", "--out", pushed});
     ASSERT_NE(server.port(), 0);
     VelStreamEngine engine(SCENARIO_FILE_AND_RTSP);
-    add_cameras(engine, "h264");
+    add_cameras(engine, GetParam());
     add_output(engine, output_task("File", file_, logo()));
     add_output(engine, output_task("Rtsp", server.url(), folder_.file("logo.png")));
     add_model(engine);
@@ -257,12 +257,12 @@ TEST_F(Scenario, RecordsAndPushes)
     stop_within_bounds(engine, call);
     EXPECT_TRUE(server.read_until("eos frames="));
     const FileFacts file = probe_file(file_);
-    EXPECT_EQ(file.codec, "h264");
+    EXPECT_EQ(file.codec, codec_name());
     EXPECT_EQ(file.width, 1280);
     EXPECT_EQ(file.height, 720);
     expect_overlays(picture_of(file_, 1280, 720), 1280);
     const FileFacts push = probe_file(pushed);
-    EXPECT_EQ(push.codec, "h264");
+    EXPECT_EQ(push.codec, codec_name());
     EXPECT_EQ(push.width, 1920);
     EXPECT_EQ(push.height, 1080);
     EXPECT_GT(push.frames, 5);
