@@ -4,6 +4,7 @@
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 

@@ -106,7 +106,7 @@ TEST_P(PlainScenario, RecordsTheCanvas)
     EXPECT_EQ(facts.codec, codec == "h265" ? "hevc" : "h264");
     EXPECT_EQ(facts.width, 1280);
     EXPECT_EQ(facts.height, 720);
-    EXPECT_GE(facts.seconds, 2.0);
+    EXPECT_GE(facts.seconds, 1.0); // the first fragment may be short
     EXPECT_NEAR(static_cast<double>(facts.frames) / facts.seconds, 10.0, 2.0);
     EXPECT_TRUE(shows_all_cameras(picture_of(file_, 1280, 720), 1280, 720));
 }
@@ -236,7 +236,7 @@ TEST_P(OverlayScenario, RecordsWithLogoTextAndDetection)
     const FileFacts facts = probe_file(file_);
     EXPECT_EQ(facts.codec, codec_name());
     EXPECT_EQ(facts.width, 1280);
-    EXPECT_GE(facts.seconds, 2.0);
+    EXPECT_GE(facts.seconds, 1.0); // the first fragment may be short
     expect_overlays(picture_of(file_, 1280, 720), 1280);
 }
 
