@@ -4,7 +4,6 @@
 #include "Log.h"
 #include "StreamBuildMessages.h"
 
-#include <future>
 #include <utility>
 
 namespace Quorvis::VelStream {
@@ -20,36 +19,23 @@ BusPtr take_bus(PiplineData* data)
     return BusPtr(std::exchange(data->bus, nullptr));
 }
 
-/// Sets a pipeline to NULL on a thread of GStreamer's, which keeps it for so long.
-std::future<void> set_null_elsewhere(GstElement* pipeline)
-{
-    using Done = std::shared_ptr<std::promise<void>>;
-    const Done done = std::make_shared<std::promise<void>>();
-    gst_element_call_async(
-        pipeline,
-        [](GstElement* element, gpointer user_data) {
-            gst_element_set_state(element, GST_STATE_NULL);
-            (*static_cast<Done*>(user_data))->set_value();
-        },
-        new Done(done), [](gpointer user_data) { delete static_cast<Done*>(user_data); });
-    return done->get_future();
-}
-
 /// True when nothing but sources is still up. A pipeline comes down from its sinks to its sources, and each element's
-/// streaming threads have left it by then: no frame is delivered any more.
+/// streaming threads have left it by then: no frame is delivered any more. False also when that cannot be told, as
+/// while a source takes its own parts down.
 bool are_only_sources_up(GstElement* pipeline)
 {
     const IteratorPtr elements(gst_bin_iterate_recurse(GST_BIN(pipeline)));
     GValue value = G_VALUE_INIT;
     bool is_other_up = false;
-    while (!is_other_up && gst_iterator_next(elements.get(), &value) == GST_ITERATOR_OK) {
+    GstIteratorResult next = GST_ITERATOR_OK;
+    while (!is_other_up && (next = gst_iterator_next(elements.get(), &value)) == GST_ITERATOR_OK) {
         auto* element = GST_ELEMENT(g_value_get_object(&value));
         is_other_up = !GST_IS_BIN(element) && !GST_OBJECT_FLAG_IS_SET(element, GST_ELEMENT_FLAG_SOURCE) &&
                       GST_STATE(element) > GST_STATE_READY;
         g_value_reset(&value);
     }
     g_value_unset(&value);
-    return !is_other_up;
+    return !is_other_up && next == GST_ITERATOR_DONE;
 }
 
 ElementPtr first_child(GstBin* bin)
@@ -168,6 +154,20 @@ void take_down(ElementPtr pipeline, std::chrono::milliseconds bound)
 {
     if (!pipeline) return;
     set_null_elsewhere(pipeline.get()).wait_for(bound);
+}
+
+std::future<void> set_null_elsewhere(GstElement* pipeline)
+{
+    using Done = std::shared_ptr<std::promise<void>>;
+    const Done done = std::make_shared<std::promise<void>>();
+    gst_element_call_async(
+        pipeline,
+        [](GstElement* element, gpointer user_data) {
+            gst_element_set_state(element, GST_STATE_NULL);
+            (*static_cast<Done*>(user_data))->set_value();
+        },
+        new Done(done), [](gpointer user_data) { delete static_cast<Done*>(user_data); });
+    return done->get_future();
 }
 
 void clear_pipeline(GstElement* pipeline)

@@ -6,6 +6,7 @@
 #include "StreamRecords.h"
 
 #include <chrono>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -57,6 +58,10 @@ private:
     std::shared_ptr<StreamRun> run_;
     std::string last_warning_;
 };
+
+/// Sets a pipeline to NULL on a thread of GStreamer's, which keeps it for so long: that joins the streaming threads,
+/// and one of them may be in a callback that does not return. The caller waits on the result for as long as it likes.
+std::future<void> set_null_elsewhere(GstElement* pipeline);
 
 /// Sets a pipeline to NULL and releases it; one that does not come down within the bound is left to a thread of
 /// GStreamer's. Null is passed over.

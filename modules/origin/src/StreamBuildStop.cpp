@@ -1,11 +1,11 @@
 #include "Log.h"
 #include "StreamBuild.h"
 #include "StreamBuildRegistry.h"
+#include "StreamBuildScope.h"
 #include "StreamBuildTap.h"
 
 #include <chrono>
 #include <future>
-#include <memory>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -16,24 +16,6 @@ namespace {
 
 /// How long a stop waits for the pipelines to come down.
 constexpr std::chrono::milliseconds kNullBound{1000};
-
-using Done = std::shared_ptr<std::promise<void>>;
-
-/// Sets a pipeline to NULL on a thread of GStreamer's. That joins the streaming threads, and one of them may be in a
-/// callback that does not return; the caller waits on the result for as long as it likes.
-std::future<void> set_null(GstElement* pipeline)
-{
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> result = done->get_future();
-    gst_element_call_async(
-        pipeline,
-        [](GstElement* element, gpointer user_data) {
-            gst_element_set_state(element, GST_STATE_NULL);
-            (*static_cast<Done*>(user_data))->set_value();
-        },
-        new Done(std::move(done)), [](gpointer user_data) { delete static_cast<Done*>(user_data); });
-    return result;
-}
 
 /// Waits until the runners have seen the end of their streams, within the bound, and takes the pipelines down.
 void finish_stop(const std::vector<StopTarget>& targets)
@@ -46,7 +28,7 @@ void finish_stop(const std::vector<StopTarget>& targets)
     }
     std::vector<std::future<void>> nulls;
     for (const StopTarget& target : targets) {
-        if (target.pipeline) nulls.push_back(set_null(target.pipeline.get()));
+        if (target.pipeline) nulls.push_back(set_null_elsewhere(target.pipeline.get()));
     }
     const auto null_deadline = std::chrono::steady_clock::now() + kNullBound;
     for (const std::future<void>& null : nulls)
