@@ -78,6 +78,12 @@ public:
     void end(int input) const { gst_app_src_end_of_stream(GST_APP_SRC(source(input).get())); }
 
     /// Null at the end of the stream, or when nothing comes.
+    /// Waits until the pipeline is in the state it was asked for, also after a flush, which has its sink preroll again.
+    bool is_playing() const
+    {
+        return gst_element_get_state(pipeline_.get(), nullptr, nullptr, kPatience) == GST_STATE_CHANGE_SUCCESS;
+    }
+
     BufferPtr pull() const
     {
         GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(out_.get()), kPatience);
@@ -559,6 +565,8 @@ TEST_F(Composer, FlowsAgainAfterAFlush)
         const BufferPtr output = composition.pull();
         ASSERT_TRUE(output) << round;
         EXPECT_EQ(Frame(output.get(), caps).at(0, 3, 3), 50 + round);
+        // A flush while the pipeline still follows its sink's preroll would leave that sink paused.
+        ASSERT_TRUE(composition.is_playing());
         const ElementPtr source = composition.source(0);
         ASSERT_TRUE(gst_element_send_event(source.get(), gst_event_new_flush_start()));
         ASSERT_TRUE(gst_element_send_event(source.get(), gst_event_new_flush_stop(TRUE)));
