@@ -11,8 +11,8 @@ namespace Quorvis::VelStream {
 namespace {
 
 constexpr GstClockTime kSlice = 100 * GST_MSECOND;
-constexpr std::chrono::milliseconds kPoll{50};         ///< in which a stopped pipeline's coming down is looked at
-constexpr std::chrono::milliseconds kSourceBound{200}; ///< that its sources have for themselves
+constexpr std::chrono::milliseconds kPoll{50};         ///< in which a pipeline's coming down is looked at
+constexpr std::chrono::milliseconds kSourceBound{400}; ///< that its sources have for themselves
 
 BusPtr take_bus(PiplineData* data)
 {
@@ -116,17 +116,10 @@ void RunScope::set_null()
     if (data_->pipeline) gst_element_set_state(data_->pipeline, GST_STATE_NULL);
 }
 
+/// A source that waits for a server in a read of its own may keep the pipeline from coming down for as long as the
+/// server is silent (rtmpsrc closes the socket, which wakes no reader), whether a stop or an error of another element
+/// ended the stream. Nothing of it reaches the caller any more once all behind it is down: the caller need not wait.
 void RunScope::release()
-{
-    if (run_->is_stopped())
-        release_stopped();
-    else
-        release_pipeline(data_);
-}
-
-/// The stop is taking the pipeline down. A source that waits for a server in a read of its own may keep it from that
-/// for as long as the server is silent (rtmpsrc closes the socket, which wakes no reader); the caller need not wait.
-void RunScope::release_stopped()
 {
     const BusPtr bus = take_bus(data_);
     const ElementPtr pipeline(std::exchange(data_->pipeline, nullptr));

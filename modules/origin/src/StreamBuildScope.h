@@ -42,8 +42,8 @@ public:
 
     void set_null();
 
-    /// Sets the pipeline to NULL and releases it and its bus. Returns when no frame can come any more: of a stopped
-    /// pipeline a source that does not come down is left to a thread of GStreamer's.
+    /// Sets the pipeline to NULL and releases it and its bus. Returns when no frame can come any more; a
+    /// source that does not come down then is left to a thread of GStreamer's.
     void release();
 
     /// The same, and leaves a pipeline that does not come down in this time to a thread of GStreamer's: a sink whose
@@ -52,7 +52,6 @@ public:
 
 private:
     void note(GstMessage* message);
-    void release_stopped();
 
     PiplineData* data_;
     std::shared_ptr<StreamRun> run_;

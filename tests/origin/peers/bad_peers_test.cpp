@@ -213,4 +213,26 @@ TEST_F(BadPeer, RtmpServerThatFallsSilentIsStoppedAllTheSame)
     EXPECT_TRUE(stop_ends_call(call, "camera"));
 }
 
+TEST_F(BadPeer, RtmpServerThatFallsSilentDoesNotHoldUpAnOutputsFailure)
+{
+    peers::RtmpServer server;
+    ASSERT_NE(server.port(), 0);
+    peers::RtmpPublisher publisher(make_clip(true), server.url());
+    ASSERT_TRUE(server.wait_for("publish:"));
+    const TemporaryFolder folder;
+    peers::RtspPeer recorder(RTSP_PEER, {"record", "--out", folder.file("pushed.mp4")});
+    ASSERT_NE(recorder.port(), 0);
+    const ConfigFile config(one_stream(
+        "camera", R"("inputType": "rtmp", "inputAddr": ")" + server.url() + R"( live=1", "decodeType": "H264", )" +
+                      R"("outputType": "rtsp", "outputAddr": ")" + recorder.tcp_url() + R"(", "encodeType": "H264")"));
+    StreamCall call(configured_stream("camera"));
+    ASSERT_TRUE(call.wait_for_frames(10));
+    publisher.pause();
+    while (call.wait_for_frames(call.frames() + 1, std::chrono::seconds(1))) {
+    }
+    recorder.kill_now();
+    EXPECT_TRUE(call.wait_for_end()) << log_text();
+    EXPECT_EQ(call.result(), -1);
+}
+
 } // namespace velstream::testing
