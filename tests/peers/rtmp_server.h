@@ -68,6 +68,10 @@ public:
         return false;
     }
 
+    /// Falls silent, with its connections open, until it is resumed.
+    void pause() { process_->pause(); }
+    void resume() { process_->resume(); }
+
     /// Ends the server. @return the file of what was published to "live", once its publisher has gone.
     std::string take_recording()
     {

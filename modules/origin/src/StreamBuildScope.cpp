@@ -113,25 +113,15 @@ void RunScope::let_output_finish()
 
 void RunScope::set_null()
 {
-    if (data_->pipeline) gst_element_set_state(data_->pipeline, GST_STATE_NULL);
+    if (!data_->pipeline) return;
+    const std::future<void> done = set_null_elsewhere(data_->pipeline);
+    while (!run_->is_stopped() && done.wait_for(kPoll) == std::future_status::timeout) {
+    }
 }
 
-/// A source that waits for a server in a read of its own may keep the pipeline from coming down for as long as the
-/// server is silent (rtmpsrc closes the socket, which wakes no reader), whether a stop or an error of another element
-/// ended the stream. Nothing of it reaches the caller any more once all behind it is down: the caller need not wait.
 void RunScope::release()
 {
-    const BusPtr bus = take_bus(data_);
-    const ElementPtr pipeline(std::exchange(data_->pipeline, nullptr));
-    if (!pipeline) return;
-    forget_pipeline(pipeline.get());
-    const std::future<void> done = set_null_elsewhere(pipeline.get());
-    while (done.wait_for(kPoll) == std::future_status::timeout) {
-        if (!are_only_sources_up(pipeline.get())) continue;
-        if (done.wait_for(kSourceBound) == std::future_status::ready) return;
-        VEL_LOG_WARN("The source of stream %s does not come down; it is left behind.", data_->streamId.c_str());
-        return;
-    }
+    release_pipeline(data_);
 }
 
 void RunScope::release_within(std::chrono::milliseconds bound)
@@ -171,13 +161,22 @@ void clear_pipeline(GstElement* pipeline)
     }
 }
 
+/// A source that waits for a server in a read of its own may keep the pipeline from coming down for as long as the
+/// server is silent (rtmpsrc closes the socket, which wakes no reader), whether a stop or an error of another element
+/// ended the stream. Nothing of it reaches the caller any more once all behind it is down: the caller need not wait.
 void release_pipeline(PiplineData* data)
 {
     const BusPtr bus = take_bus(data);
     const ElementPtr pipeline(std::exchange(data->pipeline, nullptr));
     if (!pipeline) return;
     forget_pipeline(pipeline.get());
-    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+    const std::future<void> done = set_null_elsewhere(pipeline.get());
+    while (done.wait_for(kPoll) == std::future_status::timeout) {
+        if (!are_only_sources_up(pipeline.get())) continue;
+        if (done.wait_for(kSourceBound) == std::future_status::ready) return;
+        VEL_LOG_WARN("The source of stream %s does not come down; it is left behind.", data->streamId.c_str());
+        return;
+    }
 }
 
 } // namespace Quorvis::VelStream

@@ -40,10 +40,10 @@ public:
     /// its index. Waits until it has arrived, within the bound that a stop has.
     void let_output_finish();
 
+    /// Sets the pipeline to NULL for its next attempt; a stop does not wait for that.
     void set_null();
 
-    /// Sets the pipeline to NULL and releases it and its bus. Returns when no frame can come any more; a
-    /// source that does not come down then is left to a thread of GStreamer's.
+    /// See release_pipeline().
     void release();
 
     /// The same, and leaves a pipeline that does not come down in this time to a thread of GStreamer's: a sink whose
@@ -69,7 +69,9 @@ void take_down(ElementPtr pipeline, std::chrono::milliseconds bound);
 /// Unlinks and removes every element of a pipeline, so that a further attempt can use the same names.
 void clear_pipeline(GstElement* pipeline);
 
-/// Releases the pipeline and the bus of a record, whose pointers become null; the registry forgets them first.
+/// Sets the pipeline of a record to NULL and releases it and its bus; the record's pointers become null, and the
+/// registry forgets the pipeline first. Returns when no frame can come any more; a source that does not come down then
+/// is left to a thread of GStreamer's.
 void release_pipeline(PiplineData* data);
 
 } // namespace Quorvis::VelStream
