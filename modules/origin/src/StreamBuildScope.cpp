@@ -4,6 +4,8 @@
 #include "Log.h"
 #include "StreamBuildMessages.h"
 
+#include <system_error>
+#include <thread>
 #include <utility>
 
 namespace Quorvis::VelStream {
@@ -141,16 +143,21 @@ void take_down(ElementPtr pipeline, std::chrono::milliseconds bound)
 
 std::future<void> set_null_elsewhere(GstElement* pipeline)
 {
-    using Done = std::shared_ptr<std::promise<void>>;
-    const Done done = std::make_shared<std::promise<void>>();
-    gst_element_call_async(
-        pipeline,
-        [](GstElement* element, gpointer user_data) {
-            gst_element_set_state(element, GST_STATE_NULL);
-            (*static_cast<Done*>(user_data))->set_value();
-        },
-        new Done(done), [](gpointer user_data) { delete static_cast<Done*>(user_data); });
-    return done->get_future();
+    std::promise<void> done;
+    std::future<void> result = done.get_future();
+    // A record's reference to its pipeline may be a floating one, which is not to be taken over here. The thread's own
+    // is released before it says so: who waited for it has the last one.
+    try {
+        std::thread([kept = ElementPtr(GST_ELEMENT(gst_object_ref(pipeline))), told = std::move(done)]() mutable {
+            gst_element_set_state(kept.get(), GST_STATE_NULL);
+            kept.reset();
+            told.set_value();
+        }).detach();
+    } catch (const std::system_error&) {
+        // No thread is to be had: the caller waits here, and the lost promise ends its wait.
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+    }
+    return result;
 }
 
 void clear_pipeline(GstElement* pipeline)

@@ -46,7 +46,7 @@ public:
     /// See release_pipeline().
     void release();
 
-    /// The same, and leaves a pipeline that does not come down in this time to a thread of GStreamer's: a sink whose
+    /// The same, and leaves a pipeline that does not come down in this time to a thread of its own: a sink whose
     /// server has gone silent waits for its answer. Only for pipelines that nothing of the caller's is attached to.
     void release_within(std::chrono::milliseconds bound);
 
@@ -58,12 +58,12 @@ private:
     std::string last_warning_;
 };
 
-/// Sets a pipeline to NULL on a thread of GStreamer's, which keeps it for so long: that joins the streaming threads,
+/// Sets a pipeline to NULL on a thread of its own, which keeps it for so long: that joins the streaming threads,
 /// and one of them may be in a callback that does not return. The caller waits on the result for as long as it likes.
 std::future<void> set_null_elsewhere(GstElement* pipeline);
 
-/// Sets a pipeline to NULL and releases it; one that does not come down within the bound is left to a thread of
-/// GStreamer's. Null is passed over.
+/// Sets a pipeline to NULL and releases it; one that does not come down within the bound is left to a thread
+/// of its own. Null is passed over.
 void take_down(ElementPtr pipeline, std::chrono::milliseconds bound);
 
 /// Unlinks and removes every element of a pipeline, so that a further attempt can use the same names.
@@ -71,7 +71,7 @@ void clear_pipeline(GstElement* pipeline);
 
 /// Sets the pipeline of a record to NULL and releases it and its bus; the record's pointers become null, and the
 /// registry forgets the pipeline first. Returns when no frame can come any more; a source that does not come down then
-/// is left to a thread of GStreamer's.
+/// is left to a thread of its own.
 void release_pipeline(PiplineData* data);
 
 } // namespace Quorvis::VelStream
