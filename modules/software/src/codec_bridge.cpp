@@ -1,4 +1,5 @@
 #include "codec_bridge.h"
+#include "pad_templates.h"
 
 #include <gst/video/gstvideofilter.h>
 #include <libyuv.h>
@@ -179,10 +180,7 @@ void vel_codec_bridge_class_init(VelCodecBridgeClass* klass)
 {
     GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
     const CapsPtr any(gst_caps_from_string("video/x-raw(ANY)"));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, any.get()));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, any.get()));
+    add_pad_templates(element_class, any.get(), any.get());
     gst_element_class_set_static_metadata(element_class, "Plane layout bridge", "Filter/Converter/Video",
                                           "Changes the layout of 4:2:0 planes next to a codec", "velstream-gst");
     G_OBJECT_CLASS(klass)->finalize = finalize;

@@ -5,6 +5,7 @@
 #include "codec_chain.h"
 #include "codec_properties.h"
 #include "codec_waylandsink.h"
+#include "pad_templates.h"
 
 #include <algorithm>
 #include <optional>
@@ -318,10 +319,7 @@ void class_init(gpointer klass, gpointer data)
     element_class->change_state = change_state;
     const CapsPtr sink_caps(gst_caps_from_string(row.sink_caps));
     const CapsPtr src_caps(gst_caps_from_string(kSourceCaps));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, sink_caps.get()));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, src_caps.get()));
+    add_pad_templates(element_class, sink_caps.get(), src_caps.get());
     gst_element_class_set_static_metadata(element_class, row.long_name, "Codec/Decoder/Video",
                                           "Decodes to NV12 through libav", "velstream-gst");
 }

@@ -6,6 +6,7 @@
 #include "codec_chain.h"
 #include "codec_properties.h"
 #include "codec_waylandsink.h"
+#include "pad_templates.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -574,10 +575,7 @@ void class_init(gpointer klass, gpointer data)
     GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
     element_class->change_state = change_state;
     const CapsPtr src_caps(gst_caps_from_string(row.src_caps));
-    gst_element_class_add_pad_template(
-        element_class, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, sink_caps(row).get()));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, src_caps.get()));
+    add_pad_templates(element_class, sink_caps(row).get(), src_caps.get());
     gst_element_class_set_static_metadata(element_class, row.long_name, "Codec/Encoder/Video",
                                           "Encodes through x264 or x265, tuned for live use", "velstream-gst");
 }

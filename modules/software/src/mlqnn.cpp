@@ -2,6 +2,7 @@
 #include "elements.h"
 #include "frame_convert.h"
 #include "network.h"
+#include "pad_templates.h"
 #include "software_handles.h"
 
 #include <gst/base/gstbasetransform.h>
@@ -235,10 +236,7 @@ void vel_ml_qnn_class_init(VelMlQnnClass* klass)
 
     GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
     const CapsPtr caps(make_tensor_caps());
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps.get()));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps.get()));
+    add_pad_templates(element_class, caps.get(), caps.get());
     gst_element_class_set_static_metadata(element_class, "Model runner", "Filter/Effect", "Runs an ONNX model",
                                           "velstream-gst");
 

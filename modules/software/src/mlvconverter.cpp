@@ -4,6 +4,7 @@
 // here and replaces the one that waited before. Of a video that is not live every frame is converted.
 #include "elements.h"
 #include "mlvconverter_core.h"
+#include "pad_templates.h"
 #include "software_handles.h"
 #include "tensor_caps.h"
 
@@ -84,10 +85,7 @@ void vel_ml_converter_class_init(VelMlConverterClass* klass)
     GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
     const CapsPtr video(make_converter_sink_caps());
     const CapsPtr tensors(gst_caps_new_empty_simple(kTensorMediaType));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, video.get()));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, tensors.get()));
+    add_pad_templates(element_class, video.get(), tensors.get());
     gst_element_class_set_static_metadata(element_class, "Video to tensor", "Filter/Converter/Video",
                                           "Makes frames into tensors of the size and type that the model takes",
                                           "velstream-gst");

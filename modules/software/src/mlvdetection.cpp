@@ -3,6 +3,7 @@
 #include "detection_mask.h"
 #include "elements.h"
 #include "frame_convert.h"
+#include "pad_templates.h"
 #include "software_handles.h"
 
 #include <gst/base/gstbasetransform.h>
@@ -381,10 +382,7 @@ void vel_ml_detection_class_init(VelMlDetectionClass* klass)
     GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
     const CapsPtr tensors(gst_caps_from_string(kTensorCaps));
     const CapsPtr mask(gst_caps_from_string(kMaskCaps));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, tensors.get()));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, mask.get()));
+    add_pad_templates(element_class, tensors.get(), mask.get());
     gst_element_class_set_static_metadata(element_class, "Detection picture", "Filter/Converter/Video",
                                           "Draws what a detector found on a transparent picture", "velstream-gst");
 

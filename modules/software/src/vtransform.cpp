@@ -2,6 +2,7 @@
 #include "elements.h"
 #include "frame_convert.h"
 #include "frame_layout.h"
+#include "pad_templates.h"
 #include "software_handles.h"
 #include "video_properties.h"
 #include "vtransform_caps.h"
@@ -316,10 +317,7 @@ void vel_transform_class_init(VelTransformClass* klass)
 
     GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
     const CapsPtr caps(make_template_caps());
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps.get()));
-    gst_element_class_add_pad_template(element_class,
-                                       gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps.get()));
+    add_pad_templates(element_class, caps.get(), caps.get());
     gst_element_class_set_static_metadata(element_class, "Video transform", "Filter/Effect/Converter/Video/Scaler",
                                           "Converts colours, scales, crops, turns and flips video", "velstream-gst");
 
