@@ -229,7 +229,8 @@ TEST_F(MlVDetection, AnOutputThatTheModuleCannotReadIsAnErrorThatNamesTheShape)
     };
     for (const Row& row :
          {Row{ModelOutput::yolov8, "<<1,5,1653>>", "ssd"}, Row{ModelOutput::yolov8, "<<1,5,1653>>", "yolov5"},
-          Row{ModelOutput::raw_score, "<<1,1,29,57>>", "ssd"}}) {
+          Row{ModelOutput::raw_score, "<<1,1,29,57>>", "ssd"}, Row{ModelOutput::raw_score, "<<1,1,29,57>>", "yolov8"},
+          Row{ModelOutput::raw_score, "<<1,1,29,57>>", "yolov5"}}) {
         const std::string text =
             run_to_end(chain(model({row.output, 64, 36, 8}), std::string("module=") + row.module)).text;
         EXPECT_EQ(text, std::string("The model's output ") + row.shape + " is not what the module \"" + row.module +

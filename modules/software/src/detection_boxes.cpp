@@ -27,6 +27,12 @@ std::optional<Matrix> matrix_of(const Shape& shape)
     return Matrix{static_cast<std::size_t>(before[0]), static_cast<std::size_t>(before[1])};
 }
 
+/// Boxes of a model whose outputs have three dimensions: a map of four, as networks of other kinds give, is none.
+std::optional<Matrix> box_matrix_of(const Shape& shape)
+{
+    return shape.size() <= 3 ? matrix_of(shape) : std::nullopt;
+}
+
 std::size_t count_of(const Shape& shape)
 {
     std::size_t count = 1;
@@ -67,13 +73,13 @@ std::string BoxDecoder::configure(const std::string& module, const std::vector<S
 bool BoxDecoder::fit_yolov8(const std::vector<Shape>& shapes)
 {
     if (shapes.size() == 3) {
-        const auto boxes = matrix_of(shapes[0]);
+        const auto boxes = box_matrix_of(shapes[0]);
         if (!boxes || boxes->columns != kCorners) return false;
         layout_ = Layout::boxes_scores_classes;
         count_ = boxes->rows;
         return count_of(shapes[1]) == count_ && count_of(shapes[2]) == count_;
     }
-    const auto matrix = shapes.size() == 1 ? matrix_of(shapes[0]) : std::nullopt;
+    const auto matrix = shapes.size() == 1 ? box_matrix_of(shapes[0]) : std::nullopt;
     if (!matrix || std::max(matrix->rows, matrix->columns) <= kCorners) return false;
     const bool has_rows_of_boxes =
         matrix->rows <= kCorners || (matrix->columns > kCorners && matrix->columns < matrix->rows);
@@ -86,7 +92,7 @@ bool BoxDecoder::fit_yolov8(const std::vector<Shape>& shapes)
 /// More numbers than boxes are the other way round: what the module "yolov8" reads.
 bool BoxDecoder::fit_yolov5(const std::vector<Shape>& shapes)
 {
-    const auto matrix = shapes.size() == 1 ? matrix_of(shapes[0]) : std::nullopt;
+    const auto matrix = shapes.size() == 1 ? box_matrix_of(shapes[0]) : std::nullopt;
     if (!matrix || matrix->columns < kCorners + 2) return false;
     if (matrix->rows > kCorners && matrix->columns > matrix->rows) return false;
     layout_ = Layout::rows_with_objectness;
