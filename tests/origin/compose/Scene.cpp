@@ -19,6 +19,22 @@ std::string hex(Colour colour)
     return text;
 }
 
+std::string read_bytes(const std::string& path)
+{
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+/// Four bytes, the highest first.
+std::size_t number_at(const std::string& bytes, std::size_t at)
+{
+    std::size_t number = 0;
+    for (std::size_t i = at; i < at + 4 && i < bytes.size(); ++i)
+        number = number << 8 | static_cast<unsigned char>(bytes[i]);
+    return number;
+}
+
 void make_clip(const std::string& path, const std::string& codec, Colour colour, bool has_square)
 {
     const std::string source =
@@ -96,20 +112,47 @@ bool EngineCall::wait_for_end(std::chrono::milliseconds bound)
     return result_.wait_for(bound) == std::future_status::ready;
 }
 
-bool wait_for_fragments(const std::string& path, std::size_t count, EngineCall& call)
+std::size_t count_fragments(const std::string& path)
+{
+    const std::string bytes = read_bytes(path);
+    std::size_t seen = 0;
+    for (std::size_t at = bytes.find("moof"); at != std::string::npos; at = bytes.find("moof", at + 4))
+        ++seen;
+    return seen;
+}
+
+long frames_in_fragments(const std::string& path)
+{
+    const std::string bytes = read_bytes(path);
+    long frames = 0;
+    long announced = 0; // by the "moof" whose "mdat" is yet to come
+    std::size_t at = 0;
+    while (at + 8 <= bytes.size()) {
+        const std::size_t size = number_at(bytes, at);
+        if (size < 8 || at + size > bytes.size()) break;
+        const std::string type = bytes.substr(at + 4, 4);
+        const std::size_t run = bytes.find("trun", at);
+        if (type == "moof" && run < at + size) announced = static_cast<long>(number_at(bytes, run + 8));
+        if (type == "mdat") frames += std::exchange(announced, 0);
+        at += size;
+    }
+    return frames;
+}
+
+bool wait_for_fragments(const std::string& path, std::size_t count,
+                        const std::function<bool(std::chrono::milliseconds)>& has_ended)
 {
     const auto deadline = Clock::now() + std::chrono::seconds(60);
     while (Clock::now() < deadline) {
-        std::ostringstream content;
-        content << std::ifstream(path).rdbuf();
-        const std::string bytes = content.str();
-        std::size_t seen = 0;
-        for (std::size_t at = bytes.find("moof"); at != std::string::npos; at = bytes.find("moof", at + 4))
-            ++seen;
-        if (seen >= count) return true;
-        if (call.wait_for_end(std::chrono::milliseconds(50))) return false; // and a pause between two looks
+        if (count_fragments(path) >= count) return true;
+        if (has_ended(std::chrono::milliseconds(50))) return false; // and a pause between two looks
     }
     return false;
+}
+
+bool wait_for_fragments(const std::string& path, std::size_t count, EngineCall& call)
+{
+    return wait_for_fragments(path, count, [&call](auto pause) { return call.wait_for_end(pause); });
 }
 
 FileFacts probe_file(const std::string& path)
@@ -126,6 +169,24 @@ FileFacts probe_file(const std::string& path)
     facts.frames = std::atol(value_of(probe.output, "nb_read_frames").c_str());
     facts.seconds = std::atof(value_of(probe.output, "duration").c_str());
     return facts;
+}
+
+/// Pictures of a part of a file, which is written as options of ffmpeg.
+static std::vector<Picture> decode(const std::string& path, int width, int height, std::vector<std::string> part,
+                                   const std::string& filter)
+{
+    const std::string matrix = height >= 720 ? "bt709" : "bt601";
+    std::vector<std::string> command{"ffmpeg", "-v", "error"};
+    command.insert(command.end(), part.begin(), part.end());
+    const std::vector<std::string> rest{
+        "-i", path, "-f", "rawvideo", "-pix_fmt", "rgb24", "-vf", filter + "scale=in_color_matrix=" + matrix, "-"};
+    command.insert(command.end(), rest.begin(), rest.end());
+    const CommandResult decoded = run_command(command);
+    const std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
+    std::vector<Picture> pictures;
+    for (std::size_t at = 0; decoded.status == 0 && at + size <= decoded.output.size(); at += size)
+        pictures.emplace_back(decoded.output.substr(at, size), width);
+    return pictures;
 }
 
 ::testing::AssertionResult shows_all_cameras(const Picture& picture, int width, int height)
@@ -149,17 +210,17 @@ FileFacts probe_file(const std::string& path)
 
 Picture picture_of(const std::string& path, int width, int height)
 {
-    const std::string matrix = height >= 720 ? "bt709" : "bt601";
-    const CommandResult decoded = run_command({"ffmpeg", "-v", "error", "-i", path, "-f", "rawvideo", "-pix_fmt",
-                                               "rgb24", "-vf", "fps=4,scale=in_color_matrix=" + matrix, "-"});
-    const std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
-    const std::size_t count = decoded.status == 0 ? decoded.output.size() / size : 0;
-    if (count == 0) return {};
-    for (std::size_t i = count; i > 0; --i) {
-        Picture picture(decoded.output.substr((i - 1) * size, size), width);
-        if (shows_all_cameras(picture, width, height)) return picture;
+    const std::vector<Picture> pictures = decode(path, width, height, {"-sseof", "-10"}, "fps=4,");
+    for (auto picture = pictures.rbegin(); picture != pictures.rend(); ++picture) {
+        if (shows_all_cameras(*picture, width, height)) return *picture;
     }
-    return Picture(decoded.output.substr((count - 1) * size, size), width);
+    return pictures.empty() ? Picture() : pictures.back();
+}
+
+Picture picture_at(const std::string& path, int width, int height, int second)
+{
+    const std::vector<Picture> pictures = decode(path, width, height, {"-ss", std::to_string(second), "-t", "1"}, "");
+    return pictures.empty() ? Picture() : pictures.front();
 }
 
 Colour Picture::at(int x, int y) const

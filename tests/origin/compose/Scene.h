@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -69,7 +71,16 @@ private:
     std::future<int> result_;
 };
 
-/// Waits until a file has this many fragments ("moof" boxes). @return false when the call ends before.
+/// Fragments ("moof" boxes) in a file, the last of which may not be whole.
+std::size_t count_fragments(const std::string& path);
+
+/// Frames in the fragments of a file that are whole, as their boxes say.
+long frames_in_fragments(const std::string& path);
+
+/// Waits until a file has this many fragments. @return false when what writes it ends before: that waits for its end
+/// for so long, and says whether it has come.
+bool wait_for_fragments(const std::string& path, std::size_t count,
+                        const std::function<bool(std::chrono::milliseconds)>& has_ended);
 bool wait_for_fragments(const std::string& path, std::size_t count, EngineCall& call);
 
 /// What ffprobe says of a file.
@@ -105,6 +116,9 @@ private:
 /// The last picture of a file, as ffmpeg decodes it, that shows all cameras: they begin and end one after the other. If
 /// none does, the last one.
 Picture picture_of(const std::string& path, int width, int height);
+
+/// The picture of a file at a time, in seconds from its beginning.
+Picture picture_at(const std::string& path, int width, int height, int second);
 
 /// Near enough for two encodings and two conversions.
 ::testing::AssertionResult is_near(Colour seen, Colour expected);

@@ -33,14 +33,15 @@ bool unshare_mounts()
 
 } // namespace
 
-std::string enter_private_mounts()
+std::string enter_private_mounts(const std::vector<std::string>& folders)
 {
     std::error_code error;
-    std::filesystem::create_directories("/tmp/rolling", error);
+    for (const std::string& folder : folders)
+        std::filesystem::create_directories(folder, error);
     if (!unshare_mounts()) return failure("no mounts of its own");
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return failure("private mounts");
-    for (const char* folder : {"/tmp/rolling", "/usr/local/bin"}) {
-        if (mount("velstream-test", folder, "tmpfs", 0, "mode=0755") != 0) return failure(folder);
+    for (const std::string& folder : folders) {
+        if (mount("velstream-test", folder.c_str(), "tmpfs", 0, "mode=0755") != 0) return failure(folder);
     }
     return {};
 }
