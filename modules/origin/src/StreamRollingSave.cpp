@@ -8,6 +8,7 @@
 #include "StreamBuildScope.h"
 #include "StreamCommon.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -114,38 +115,55 @@ ElementPtr make_pipeline(const StreamProperty& property, const std::string& stre
 
 // ---- Time stamps ----
 
-/// A parser that gets two pictures under one time stamp hands out the second without any, and the muxer would end the
-/// recording over it. Such a picture is put right behind the one before.
-class MissingTimes {
+/// Mends the time stamps that the muxer would end the recording over. A parser that gets two pictures under one time
+/// stamp hands out the second without any: such a picture is put right behind the one before. And after a network that
+/// stood still for seconds the camera's pictures come in a heap, for which the source sets its clock back: what follows
+/// is put behind what is recorded. In decoding order a key frame comes later than all before it.
+class RecordedTimes {
 public:
-    void fill(GstPadProbeInfo* info)
+    void mend(GstPadProbeInfo* info)
     {
         auto* buffer = static_cast<GstBuffer*>(info->data);
-        if (!GST_BUFFER_PTS_IS_VALID(buffer)) {
-            buffer = gst_buffer_make_writable(buffer);
-            info->data = buffer;
-            GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS_IS_VALID(buffer) ? GST_BUFFER_DTS(buffer) : last_ + GST_MSECOND;
-        }
-        last_ = GST_BUFFER_PTS(buffer);
+        const GstClockTime time = time_of(buffer);
+        if (!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT) && time + shift_ <= newest_)
+            shift_ = newest_ + GST_MSECOND - time;
+        if (time != GST_BUFFER_PTS(buffer) || shift_ > 0) info->data = moved(buffer, time);
+        last_ = time;
+        newest_ = std::max(newest_, time + shift_);
     }
 
 private:
-    GstClockTime last_ = 0;
+    GstClockTime time_of(GstBuffer* buffer) const
+    {
+        if (GST_BUFFER_PTS_IS_VALID(buffer)) return GST_BUFFER_PTS(buffer);
+        return GST_BUFFER_DTS_IS_VALID(buffer) ? GST_BUFFER_DTS(buffer) : last_ + GST_MSECOND;
+    }
+    GstBuffer* moved(GstBuffer* buffer, GstClockTime time) const
+    {
+        buffer = gst_buffer_make_writable(buffer);
+        GST_BUFFER_PTS(buffer) = time + shift_;
+        if (GST_BUFFER_DTS_IS_VALID(buffer)) GST_BUFFER_DTS(buffer) += shift_;
+        return buffer;
+    }
+
+    GstClockTime last_ = 0;   // as it came
+    GstClockTime newest_ = 0; // as it was handed on
+    GstClockTime shift_ = 0;
 };
 
-GstPadProbeReturn fill_missing_time(GstPad*, GstPadProbeInfo* info, gpointer times)
+GstPadProbeReturn mend_times(GstPad*, GstPadProbeInfo* info, gpointer times)
 {
-    static_cast<MissingTimes*>(times)->fill(info);
+    static_cast<RecordedTimes*>(times)->mend(info);
     return GST_PAD_PROBE_OK;
 }
 
-void fill_missing_times(GstElement* pipeline)
+void watch_times(GstElement* pipeline)
 {
     const ElementPtr sink(gst_bin_get_by_name(GST_BIN(pipeline), "rec"));
     const PadPtr pad(sink ? gst_element_get_static_pad(sink.get(), "video") : nullptr);
     if (!pad) return;
-    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, fill_missing_time, new MissingTimes,
-                      [](gpointer times) { delete static_cast<MissingTimes*>(times); });
+    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, mend_times, new RecordedTimes,
+                      [](gpointer times) { delete static_cast<RecordedTimes*>(times); });
 }
 
 // ---- SIGINT ----
@@ -324,7 +342,7 @@ int start_rolling_save(std::string stream_id)
     get_configuration_properties(stream_id, property); // without an entry the defaults stand
     ElementPtr pipeline = make_pipeline(property, stream_id);
     if (!pipeline) return -1;
-    fill_missing_times(pipeline.get());
+    watch_times(pipeline.get());
     register_pipeline(stream_id, pipeline.get());
     PiplineData data;
     data.streamId = stream_id;

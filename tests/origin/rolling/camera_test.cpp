@@ -33,6 +33,37 @@ std::string last_lines()
     return text;
 }
 
+/// Where the recorder's pictures come from.
+PadPtr recorded_pad()
+{
+    const ElementPtr pipeline = last_started_pipeline();
+    const ElementPtr sink = pipeline ? child(pipeline.get(), "rec") : nullptr;
+    const PadPtr pad(sink ? gst_element_get_static_pad(sink.get(), "video") : nullptr);
+    return PadPtr(pad ? gst_pad_get_peer(pad.get()) : nullptr);
+}
+
+/// A camera's clock that is set back twice by more than the distance of two key frames.
+struct Steps {
+    int taken = 0;
+    int pictures = 0; ///< since the last step
+};
+
+GstPadProbeReturn step_back(GstPad*, GstPadProbeInfo* info, gpointer user_data)
+{
+    constexpr GstClockTime kStep = 1500 * GST_MSECOND;
+    constexpr int kApart = 60;
+    auto& steps = *static_cast<Steps*>(user_data);
+    auto* buffer = gst_buffer_make_writable(static_cast<GstBuffer*>(info->data));
+    info->data = buffer;
+    const bool is_key = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+    const bool is_due = steps.taken == 0 ? is_key : steps.taken == 1 && steps.pictures > kApart && !is_key;
+    if (is_due) ++steps.taken;
+    steps.pictures = is_due ? 0 : steps.pictures + 1;
+    GST_BUFFER_PTS(buffer) -= static_cast<GstClockTime>(steps.taken) * kStep;
+    if (GST_BUFFER_DTS_IS_VALID(buffer)) GST_BUFFER_DTS(buffer) -= static_cast<GstClockTime>(steps.taken) * kStep;
+    return GST_PAD_PROBE_OK;
+}
+
 void expect_recording(const std::string& codec, const std::string& camera_codec)
 {
     const peers::RtspPeer camera(RTSP_PEER, {"play", "--live", "--codec", camera_codec});
@@ -65,12 +96,7 @@ TEST_F(RecordedCamera, WhosePicturesLackATimeIsRecordedAllTheSame)
     const ConfigFile config(recorded_entry("rtsp", camera.url()));
     StreamCall call(configured_stream("cam"));
     ASSERT_TRUE(wait_for_segments("cam", 1));
-    const ElementPtr pipeline = last_started_pipeline();
-    ASSERT_TRUE(pipeline);
-    const ElementPtr sink = child(pipeline.get(), "rec");
-    const PadPtr pad(gst_element_get_static_pad(sink.get(), "video"));
-    ASSERT_TRUE(pad);
-    const PadPtr source(gst_pad_get_peer(pad.get()));
+    const PadPtr source = recorded_pad();
     ASSERT_TRUE(source);
     gst_pad_add_probe(
         source.get(), GST_PAD_PROBE_TYPE_BUFFER,
@@ -86,6 +112,27 @@ TEST_F(RecordedCamera, WhosePicturesLackATimeIsRecordedAllTheSame)
     EXPECT_TRUE(stop_ends_call(call, "cam"));
     EXPECT_EQ(call.result(), 0);
     EXPECT_FALSE(log_has("E ERROR from muxer: Could not multiplex stream.\n")) << last_lines();
+}
+
+TEST_F(RecordedCamera, WhoseClockIsSetBackIsRecordedAllTheSame)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    ASSERT_TRUE(wait_for_segments("cam", 2));
+    const PadPtr source = recorded_pad();
+    ASSERT_TRUE(source);
+    Steps steps; // at a key frame, and between two
+    gst_pad_add_probe(source.get(), GST_PAD_PROBE_TYPE_BUFFER, step_back, &steps, nullptr);
+    EXPECT_TRUE(wait_for_segments("cam", 6)) << last_lines();
+    EXPECT_TRUE(stop_ends_call(call, "cam"));
+    EXPECT_EQ(call.result(), 0);
+    EXPECT_EQ(steps.taken, 2);
+    for (const std::string& line : log_lines())
+        EXPECT_NE(line[0], 'E') << line;
+    expect_complete(segments_of("cam"));
+    EXPECT_GE(segments_of("cam").size(), 6U);
 }
 
 TEST_F(RecordedCamera, IsRemuxedWithoutADecoderIntoARingOf100)
