@@ -30,6 +30,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kTick{200};
+constexpr std::chrono::seconds kTerminalInterval{1}; // each look reads the whole folder
 constexpr std::chrono::seconds kPlainInterval{5};
 constexpr std::chrono::seconds kStopInterval{1}; // a recording that was just starting hears the next stop
 constexpr double kSilence = 8.0;                 // seconds without a byte that are worth a word
@@ -72,7 +73,7 @@ public:
     {
         if (segments.bytes != bytes_) last_change_ = Clock::now();
         bytes_ = segments.bytes;
-        next_ = Clock::now() + (is_terminal_ ? std::chrono::milliseconds(kTick) : kPlainInterval);
+        next_ = Clock::now() + (is_terminal_ ? kTerminalInterval : kPlainInterval);
         std::fprintf(stderr, "%s%s: %zu segments, %.1f MB, %.0f s", is_terminal_ ? "\r\033[K" : "", id.c_str(),
                      segments.files, static_cast<double>(segments.bytes) / 1e6, seconds_since(start));
         if (seconds_since(last_change_) > kSilence)
@@ -87,7 +88,7 @@ public:
 
 private:
     bool is_terminal_ = isatty(STDERR_FILENO) != 0;
-    Clock::time_point next_ = Clock::now() + (is_terminal_ ? std::chrono::milliseconds(0) : kPlainInterval);
+    Clock::time_point next_ = Clock::now() + (is_terminal_ ? std::chrono::seconds(0) : kPlainInterval);
     Clock::time_point last_change_ = Clock::now();
     uintmax_t bytes_ = 0;
 };

@@ -1,7 +1,6 @@
 #include "stream_errors.h"
 
 #include <gst/gst.h>
-#include <gst/gsttracer.h>
 
 #include <algorithm>
 #include <chrono>
@@ -13,9 +12,6 @@
 namespace velstream::tool {
 
 namespace {
-
-/// The runners own the buses, so the messages are seen on their way to them.
-constexpr const char* kHook = "element-post-message-pre";
 
 using Clock = std::chrono::steady_clock;
 
@@ -51,10 +47,10 @@ std::string name_of(GstObject* object)
     return name ? name.get() : "";
 }
 
-/// The pipeline is the outermost parent, and is named after its stream.
-std::string pipeline_name(GstObject* source)
+/// A stream's pipeline is named after it; an element may have one of its own inside.
+std::string pipeline_name(GstObject* pipeline)
 {
-    ObjectPtr object(GST_OBJECT(gst_object_ref(source)));
+    ObjectPtr object(GST_OBJECT(gst_object_ref(pipeline)));
     while (ObjectPtr parent{gst_object_get_parent(object.get())})
         object = std::move(parent);
     return name_of(object.get());
@@ -74,12 +70,11 @@ std::string error_text(GstMessage* message)
     return text;
 }
 
-void on_message(GObject*, GstClockTime, GstElement*, GstMessage* message)
+void note(GstElement* pipeline, GstMessage* message)
 {
-    if (!message || !(GST_MESSAGE_TYPE(message) & (GST_MESSAGE_ERROR | GST_MESSAGE_WARNING))) return;
-    if (!GST_MESSAGE_SRC(message)) return;
+    if (!(GST_MESSAGE_TYPE(message) & (GST_MESSAGE_ERROR | GST_MESSAGE_WARNING)) || !GST_MESSAGE_SRC(message)) return;
     const std::string text = name_of(GST_MESSAGE_SRC(message)) + ": " + error_text(message);
-    const std::string stream = pipeline_name(GST_MESSAGE_SRC(message));
+    const std::string stream = pipeline_name(GST_OBJECT(pipeline));
     const std::lock_guard lock(errors_mutex());
     StreamError& error = errors()[stream];
     const auto now = Clock::now();
@@ -87,15 +82,24 @@ void on_message(GObject*, GstClockTime, GstElement*, GstMessage* message)
     error.last = now;
 }
 
+gboolean (*post_message)(GstElement*, GstMessage*) = nullptr; // written before a stream starts
+
+gboolean note_and_post(GstElement* pipeline, GstMessage* message)
+{
+    note(pipeline, message);
+    return post_message(pipeline, message);
+}
+
 } // namespace
 
+/// The runners own the buses, so the messages are seen where a pipeline puts them there. A tracer would see them too,
+/// and would have GStreamer read the clock for every buffer, event and reference.
 void watch_stream_errors()
 {
-    static const GType type =
-        g_type_register_static_simple(GST_TYPE_TRACER, "VelstreamErrorTracer", sizeof(GstTracerClass), nullptr,
-                                      sizeof(GstTracer), nullptr, GTypeFlags(0));
-    static GstTracer* tracer = GST_TRACER(g_object_new(type, nullptr)); // as long as the process
-    gst_tracing_register_hook(tracer, kHook, G_CALLBACK(on_message));
+    static auto* pipelines = GST_ELEMENT_CLASS(g_type_class_ref(GST_TYPE_PIPELINE)); // as long as the process
+    if (post_message) return;
+    post_message = pipelines->post_message;
+    pipelines->post_message = note_and_post;
 }
 
 std::string stream_error(const std::string& stream_id)

@@ -5,7 +5,7 @@
 
 namespace velstream::tool {
 
-/// Listens from now on to every element of the process. Call it once, after gst_init() and before a stream starts.
+/// Listens from now on to every pipeline of the process. Call it once, after gst_init() and before a stream starts.
 void watch_stream_errors();
 
 /// What the pipeline that is named after this stream failed of at last, "qtdemux0: This file ...", without its full
