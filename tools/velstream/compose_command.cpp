@@ -3,6 +3,7 @@
 #include "elements.h"
 #include "layout.h"
 #include "library_settings.h"
+#include "progress_line.h"
 #include "results.h"
 #include "signal_watch.h"
 #include "stream_errors.h"
@@ -15,8 +16,6 @@
 #include <filesystem>
 #include <thread>
 
-#include <unistd.h>
-
 namespace velstream::tool {
 
 namespace {
@@ -24,8 +23,6 @@ namespace {
 using namespace Quorvis::VelStream;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kInterval{200};
-constexpr std::chrono::milliseconds kPlainInterval{5000};
 /// A composition that ends by itself has seen the end of its cameras, and waits so long before it ends. One that ends
 /// sooner was not launched.
 constexpr double kShortestRun = 4.5;           // seconds
@@ -100,28 +97,6 @@ std::string describe(const ComposeSession& session, double seconds)
     return line;
 }
 
-/// On standard error: a line that is written over on a terminal, plain lines now and then elsewhere.
-class ComposeProgress {
-public:
-    void show(const ComposeSession& session)
-    {
-        const auto now = Clock::now();
-        if (now < next_) return;
-        next_ = now + (is_terminal_ ? kInterval : kPlainInterval);
-        std::fprintf(stderr, "%s%s%s", is_terminal_ ? "\r\033[K" : "", describe(session, session.elapsed()).c_str(),
-                     is_terminal_ ? "" : "\n");
-        std::fflush(stderr);
-    }
-    void finish() const
-    {
-        if (is_terminal_) std::fputs("\r\033[K", stderr);
-    }
-
-private:
-    bool is_terminal_ = isatty(STDERR_FILENO) != 0;
-    Clock::time_point next_ = Clock::now() + (is_terminal_ ? std::chrono::milliseconds(0) : kPlainInterval);
-};
-
 void print_findings(const Findings& findings, const Configuration& file)
 {
     for (const Finding& finding : findings)
@@ -136,13 +111,13 @@ bool has_errors(const Findings& findings)
 
 void run(ComposeSession& session, const ComposeOptions& options, const SignalWatch& signals, Waker& waker)
 {
-    ComposeProgress progress;
+    ProgressLine progress;
     session.start();
     while (!session.is_ended()) {
         // One that was just starting when it was stopped hears the next stop.
         if (signals.is_asked() || (options.duration > 0 && session.elapsed() >= options.duration)) session.stop();
-        progress.show(session);
-        waker.wait_for(kInterval);
+        if (progress.is_due()) progress.show(describe(session, session.elapsed()));
+        waker.wait_for(ProgressLine::kInterval);
     }
     progress.finish();
     session.join();

@@ -5,6 +5,7 @@
 #include "elements.h"
 #include "findings.h"
 #include "library_settings.h"
+#include "progress_line.h"
 #include "results.h"
 #include "rolling_folder.h"
 #include "run_command.h"
@@ -21,19 +22,15 @@
 #include <cstdio>
 #include <thread>
 
-#include <unistd.h>
-
 namespace velstream::tool {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kTick{200};
 constexpr std::chrono::seconds kTerminalInterval{1}; // each look reads the whole folder
-constexpr std::chrono::seconds kPlainInterval{5};
-constexpr std::chrono::seconds kStopInterval{1}; // a recording that was just starting hears the next stop
-constexpr double kSilence = 8.0;                 // seconds without a byte that are worth a word
+constexpr std::chrono::seconds kStopInterval{1};     // a recording that was just starting hears the next stop
+constexpr double kSilence = 8.0;                     // seconds without a byte that are worth a word
 constexpr std::chrono::seconds kFirstPause{1};
 constexpr std::chrono::seconds kLongestPause{30};
 
@@ -65,30 +62,25 @@ private:
     std::thread thread_;
 };
 
-/// On standard error: a line that is written over on a terminal, plain lines now and then elsewhere.
-class RecordProgress {
+/// What is said of a recording while it runs.
+class RecordingStatus {
 public:
-    bool is_due() const { return Clock::now() >= next_; }
-    void show(const std::string& id, const SegmentCount& segments, Clock::time_point start)
+    std::string describe(const std::string& id, const SegmentCount& segments, Clock::time_point start)
     {
         if (segments.bytes != bytes_) last_change_ = Clock::now();
         bytes_ = segments.bytes;
-        next_ = Clock::now() + (is_terminal_ ? kTerminalInterval : kPlainInterval);
-        std::fprintf(stderr, "%s%s: %zu segments, %.1f MB, %.0f s", is_terminal_ ? "\r\033[K" : "", id.c_str(),
-                     segments.files, static_cast<double>(segments.bytes) / 1e6, seconds_since(start));
-        if (seconds_since(last_change_) > kSilence)
-            std::fprintf(stderr, ", nothing written for %.0f s", seconds_since(last_change_));
-        std::fputs(is_terminal_ ? "" : "\n", stderr);
-        std::fflush(stderr);
-    }
-    void finish() const
-    {
-        if (is_terminal_) std::fputs("\r\033[K", stderr);
+        char text[96];
+        std::snprintf(text, sizeof text, ": %zu segments, %.1f MB, %.0f s", segments.files,
+                      static_cast<double>(segments.bytes) / 1e6, seconds_since(start));
+        std::string line = id + text;
+        if (seconds_since(last_change_) > kSilence) {
+            std::snprintf(text, sizeof text, ", nothing written for %.0f s", seconds_since(last_change_));
+            line += text;
+        }
+        return line;
     }
 
 private:
-    bool is_terminal_ = isatty(STDERR_FILENO) != 0;
-    Clock::time_point next_ = Clock::now() + (is_terminal_ ? std::chrono::seconds(0) : kPlainInterval);
     Clock::time_point last_change_ = Clock::now();
     uintmax_t bytes_ = 0;
 };
@@ -155,7 +147,8 @@ bool Recorder::prepare_folder() const
 
 void Recorder::record()
 {
-    RecordProgress progress;
+    RecordingStatus status;
+    ProgressLine progress(kTerminalInterval);
     const auto start = Clock::now();
     auto next_stop = start;
     RecordingCall call(options_.id, waker_);
@@ -167,8 +160,8 @@ void Recorder::record()
             next_stop = Clock::now() + kStopInterval;
             continue;
         }
-        if (progress.is_due()) progress.show(options_.id, folder_.segments(), start);
-        waker_.wait_for(kTick);
+        if (progress.is_due()) progress.show(status.describe(options_.id, folder_.segments(), start));
+        waker_.wait_for(ProgressLine::kInterval);
     }
     progress.finish();
     result_ = call.result();
@@ -187,7 +180,7 @@ bool Recorder::pause()
     const auto end = Clock::now() + next_pause_;
     next_pause_ = std::min(2 * next_pause_, kLongestPause);
     while (Clock::now() < end && !is_stop_due())
-        waker_.wait_for(kTick);
+        waker_.wait_for(ProgressLine::kInterval);
     is_stopped_ = is_stop_due();
     return !is_stopped_;
 }

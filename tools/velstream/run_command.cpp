@@ -5,6 +5,7 @@
 #include "findings.h"
 #include "library_settings.h"
 #include "progress.h"
+#include "progress_line.h"
 #include "results.h"
 #include "signal_watch.h"
 #include "stream_errors.h"
@@ -61,15 +62,15 @@ void wait_for_end(const Sessions& sessions, const RunOptions& options, const Sig
 {
     const auto start = Clock::now();
     auto next_stop = start;
-    Progress progress;
+    ProgressLine progress;
     while (!all_ended(sessions)) {
         if (Clock::now() >= next_stop && is_stop_due(sessions, options, signals, start)) {
             stop_all(sessions);
             next_stop = Clock::now() + kStopInterval;
             continue;
         }
-        progress.show(sessions);
-        waker.wait_for(Progress::kInterval);
+        if (progress.is_due()) progress.show(describe(sessions));
+        waker.wait_for(ProgressLine::kInterval);
     }
     progress.finish();
 }

@@ -4,6 +4,7 @@
 #include "configuration.h"
 #include "elements.h"
 #include "presentation_order.h"
+#include "progress_line.h"
 #include "results.h"
 #include "snapshots.h"
 #include "velstream.h"
@@ -36,8 +37,6 @@ using Clock = std::chrono::steady_clock;
 using Quorvis::VelStream::Image;
 
 constexpr const char* kStreamId = "splice";
-constexpr std::chrono::milliseconds kTerminalInterval{200};
-constexpr std::chrono::seconds kPlainInterval{5};
 /// A decoder that has nothing to say for so long has nothing left.
 constexpr std::chrono::seconds kSilence{10};
 constexpr uint64_t kSnapshotsApart = 30; // frames
@@ -177,28 +176,14 @@ struct Counts {
     double seconds = 0;
 };
 
-/// On standard error: a line that is written over on a terminal, plain lines now and then elsewhere.
-class SpliceProgress {
-public:
-    void show(const Counts& counts, const FrameCounter& counter)
-    {
-        const auto now = Clock::now();
-        if (now < next_) return;
-        next_ = now + (is_terminal_ ? std::chrono::milliseconds(kTerminalInterval) : kPlainInterval);
-        std::fprintf(stderr, "%s%llu units pushed, %llu frames, %dx%d, %.1f frames/s%s", is_terminal_ ? "\r\033[K" : "",
-                     static_cast<unsigned long long>(counts.units), static_cast<unsigned long long>(counter.frames()),
-                     counter.width(), counter.height(), counter.rate(), is_terminal_ ? "" : "\n");
-        std::fflush(stderr);
-    }
-    void finish() const
-    {
-        if (is_terminal_) std::fputs("\r\033[K", stderr);
-    }
-
-private:
-    bool is_terminal_ = isatty(STDERR_FILENO) != 0;
-    Clock::time_point next_ = Clock::now() + (is_terminal_ ? std::chrono::milliseconds(0) : kPlainInterval);
-};
+std::string describe(const Counts& counts, const FrameCounter& counter)
+{
+    char text[128];
+    std::snprintf(text, sizeof text, "%llu units pushed, %llu frames, %dx%d, %.1f frames/s",
+                  static_cast<unsigned long long>(counts.units), static_cast<unsigned long long>(counter.frames()),
+                  counter.width(), counter.height(), counter.rate());
+    return text;
+}
 
 int push(std::span<const uint8_t> unit, long pts)
 {
@@ -208,7 +193,7 @@ int push(std::span<const uint8_t> unit, long pts)
 /// Pushes units with the time stamps that their pictures are shown at.
 class Pusher {
 public:
-    Pusher(int fps, Counts& counts, const FrameCounter& counter, SpliceProgress& progress)
+    Pusher(int fps, Counts& counts, const FrameCounter& counter, ProgressLine& progress)
         : fps_(fps), counts_(counts), counter_(counter), progress_(progress)
     {
     }
@@ -249,13 +234,13 @@ private:
             counts_.failure = code;
         else if (first_.empty())
             first_ = unit;
-        progress_.show(counts_, counter_);
+        if (progress_.is_due()) progress_.show(describe(counts_, counter_));
     }
 
     int fps_;
     Counts& counts_;
     const FrameCounter& counter_;
-    SpliceProgress& progress_;
+    ProgressLine& progress_;
     std::vector<std::span<const uint8_t>> sequence_; ///< from a key frame that starts anew to before the next one
     std::vector<int> order_counts_;                  ///< of its pictures
     std::span<const uint8_t> first_;
@@ -263,7 +248,7 @@ private:
 
 /// A decoder that reorders keeps its last frames until key frames push them out. Waits for them.
 void flush(std::span<const uint8_t> key_unit, int fps, const Counts& counts, FrameCounter& counter,
-           SpliceProgress& progress)
+           ProgressLine& progress)
 {
     const long pts = static_cast<long>(counts.units) * kSecond / fps + 3600 * kSecond;
     counter.expect_flush(pts);
@@ -272,8 +257,8 @@ void flush(std::span<const uint8_t> key_unit, int fps, const Counts& counts, Fra
     }
     auto last_change = Clock::now();
     uint64_t frames = counter.frames();
-    while (!counter.wait_for_flush(kTerminalInterval) && Clock::now() - last_change < kSilence) {
-        progress.show(counts, counter);
+    while (!counter.wait_for_flush(ProgressLine::kInterval) && Clock::now() - last_change < kSilence) {
+        if (progress.is_due()) progress.show(describe(counts, counter));
         if (counter.frames() != frames) last_change = Clock::now();
         frames = counter.frames();
     }
@@ -346,7 +331,7 @@ int splice_file(const SpliceOptions& options)
         return 1;
     }
     Counts counts;
-    SpliceProgress progress;
+    ProgressLine progress;
     Pusher pusher(options.fps, counts, counter, progress);
     pusher.push_all(file.bytes());
     const auto key_unit = pusher.first_key_unit();
