@@ -39,6 +39,7 @@ static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<unsigned>::i
 
 void answer_interrupts()
 {
+    pthread_setname_np(pthread_self(), "vel-interrupt"); // for who looks at the threads of a process
     while (true) {
         if (sem_wait(&interrupts) != 0) continue; // a debugger's or a tracer's stop interrupts it
         end_last_started_pipeline();
