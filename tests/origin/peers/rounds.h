@@ -8,7 +8,13 @@
 
 namespace velstream::testing {
 
-/// Runs one round in a process of its own: this executable, started again.
+/**
+ * Runs one round in a process of its own: this executable, started again.
+ * @param arguments  input ("file", "rtsp", "rtmp", or "configured" and "split" for the streams of a configuration
+ * file), its address, output ("none", "mp4", "rtsp", "wayland", "rtmp"), its address, frames before the stop or 0 for
+ * the stream's own end; or those of run_special_round(). Behind them, for GStreamer's leak tracer, "deinit", or "keep"
+ * for something to find.
+ */
 CommandResult run_round(const std::vector<std::string>& arguments);
 
 /// Runs rounds, some of them at the same time, and holds each to have gone well. @return their results, in order.
