@@ -21,16 +21,22 @@ void run_on(EngineCall& call)
     EXPECT_FALSE(call.wait_for_end(run_length()));
 }
 
+/// A branch with a queue that leaks loses the frames that its encoder has no time for: those of a busy machine.
+enum class Branch { keeps_frames, leaks_frames };
+
 /// Size and codec; what was shown in the time that was to be recorded, at the cameras' rate.
-void expect_video(const FileFacts& facts, const std::string& codec, int width, int height)
+void expect_video(const FileFacts& facts, const std::string& codec, int width, Branch branch)
 {
     EXPECT_EQ(facts.codec, codec == "h265" ? "hevc" : "h264");
     EXPECT_EQ(facts.width, width);
-    EXPECT_EQ(facts.height, height);
+    EXPECT_EQ(facts.height, width * 9 / 16);
     const auto seconds = static_cast<double>(run_length().count());
     EXPECT_GE(facts.seconds, std::max(seconds, 1.0)); // the first fragment may be short
     EXPECT_LE(facts.seconds, seconds + 20);           // until the first fragments are there, and until the stop
-    EXPECT_NEAR(static_cast<double>(facts.frames) / facts.seconds, 10.0, seconds > 0 ? 0.5 : 2.0);
+    const double rate = static_cast<double>(facts.frames) / facts.seconds;
+    const double tolerance = seconds > 0 ? 0.5 : 2.0; // few frames are counted with one more or less
+    EXPECT_LE(rate, 10.0 + tolerance);
+    EXPECT_GE(rate, branch == Branch::keeps_frames ? 10.0 - tolerance : 1.0);
 }
 
 /// What a test saw, for whoever runs it for long.
@@ -60,7 +66,7 @@ TEST_P(PlainScenario, RecordsTheCanvas)
     EXPECT_TRUE(log_has("I EOS received, exiting main loop.\n"));
     const FileFacts facts = probe_file(file_);
     note("file", facts);
-    expect_video(facts, codec, 1280, 720);
+    expect_video(facts, codec, 1280, Branch::keeps_frames);
     EXPECT_TRUE(shows_all_cameras(picture_of(file_, 1280, 720), 1280, 720));
 }
 
@@ -138,11 +144,11 @@ protected:
         for (int second = 5; second < run_length().count(); second += 5)
             expect_overlays(picture_at(path, width, width * 9 / 16, second), width);
     }
-    static void expect_file(const std::string& path, int width)
+    static void expect_file(const std::string& path, int width, Branch branch)
     {
         const FileFacts facts = probe_file(path);
         note(path.c_str(), facts);
-        expect_video(facts, GetParam(), width, width * 9 / 16);
+        expect_video(facts, GetParam(), width, branch);
         expect_overlays_all_along(path, width);
     }
     std::string pushed() const { return folder_.file("pushed.mp4"); }
@@ -163,7 +169,7 @@ TEST_P(OverlayScenario, RecordsWithLogoTextAndDetection)
     stop_within_bounds(engine, call);
     EXPECT_TRUE(log_has("I 👀 Adding probe to tee src pad: src_0"));
     EXPECT_TRUE(log_has("I ✅ save_queue src pad received EOS. "));
-    expect_file(file_, 1280);
+    expect_file(file_, 1280, Branch::leaks_frames);
 }
 
 TEST_P(OverlayScenario, RecordsAndPushes)
@@ -182,8 +188,8 @@ TEST_P(OverlayScenario, RecordsAndPushes)
     run_on(call);
     stop_within_bounds(engine, call);
     EXPECT_TRUE(server.read_until("eos frames="));
-    expect_file(file_, 1280);
-    expect_file(pushed(), 1920);
+    expect_file(file_, 1280, Branch::keeps_frames);
+    expect_file(pushed(), 1920, Branch::leaks_frames);
 }
 
 TEST_P(OverlayScenario, Pushes)
@@ -201,7 +207,7 @@ TEST_P(OverlayScenario, Pushes)
     stop_within_bounds(engine, call);
     EXPECT_TRUE(server.read_until("eos frames="));
     EXPECT_TRUE(log_has("W ❌ mp4mux element not found in pipeline."));
-    expect_file(pushed(), 1920);
+    expect_file(pushed(), 1920, Branch::leaks_frames);
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, OverlayScenario, ::testing::Values("h264", "h265"));
