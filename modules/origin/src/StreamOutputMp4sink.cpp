@@ -3,6 +3,7 @@
 #include "ElementTools.h"
 #include "Log.h"
 #include "StreamCommon.h"
+#include "TimeStamps.h"
 
 #include <utility>
 
@@ -69,6 +70,7 @@ GstElement* StreamOutputMp4sink::build()
         VEL_LOG_ERROR("Failed to link elements. Exiting.");
         return nullptr;
     }
+    make_times_rise(encoder.get(), "sink");
     createSinkPad(bin.get(), encoder.get());
     return bin.release();
 }
@@ -103,6 +105,7 @@ GstElement* StreamOutputMp4sink::build_6490_ql()
         VEL_LOG_ERROR("Failed to link elements. Exiting.");
         return nullptr;
     }
+    make_times_rise(encoder.get(), "sink");
     createSinkPad(bin.get(), transform.get());
     return bin.release();
 }

@@ -3,6 +3,7 @@
 #include "ElementTools.h"
 #include "Log.h"
 #include "StreamCommon.h"
+#include "TimeStamps.h"
 
 #include <utility>
 
@@ -29,6 +30,7 @@ GstElement* StreamOutputRtmpsink::build()
                      {filter.get(), mux.get(), "Failed to link capsfilter and flvmux. Exiting.\n"},
                      {mux.get(), sink.get(), "Failed to link flvmux and rtmpsink. Exiting.\n"}}))
         return nullptr;
+    make_times_rise(encoder.get(), "sink");
     createSinkPad(bin.get(), encoder.get());
     return bin.release();
 }

@@ -4,6 +4,7 @@
 #include "Log.h"
 #include "RtspPush.h"
 #include "StreamCommon.h"
+#include "TimeStamps.h"
 
 #include <utility>
 
@@ -97,6 +98,7 @@ GstElement* StreamOutputRtspsink::build()
                      {filter.get(), parser.get(), "Failed to link capsfilter and h26xparse. Exiting.\n"},
                      {parser.get(), sink.get(), "Failed to link capsfilter and rtspclientsink. Exiting.\n"}}))
         return nullptr;
+    make_times_rise(encoder.get(), "sink");
     createSinkPad(bin.get(), encoder.get());
     return bin.release();
 }
@@ -118,6 +120,7 @@ GstElement* StreamOutputRtspsink::build_6490_ql()
         VEL_LOG_ERROR("Failed to link v4l2h264enc/h26xparse2/rtspclientsink elements!");
         return nullptr;
     }
+    make_times_rise(encoder.get(), "sink");
     createSinkPad(bin.get(), encoder.get());
     return bin.release();
 }

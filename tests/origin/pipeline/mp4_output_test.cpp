@@ -1,7 +1,10 @@
 // A stream into an MP4 file: judged by a decoder that is not ours.
 #include "FilePlayback.h"
+#include "Handles.h"
+#include "LiveInput.h"
 #include "Platform.h"
 #include "RecordedLog.h"
+#include "StreamBuild.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -28,6 +31,40 @@ std::string entry(const std::string& input, const std::string& output, int width
                       R"(, "outputType": "mp4", "outputAddr": ")" + output + R"(", "width": )" + std::to_string(width) +
                           R"(, "height": )" + std::to_string(height));
 }
+
+/// A camera whose clock is set back by a minute once, and that sends three pictures under one time: the second comes
+/// without any, the third with that of the first.
+class WrongTimes : public LiveInput {
+public:
+    using LiveInput::LiveInput;
+    GstElement* build() override
+    {
+        GstElement* bin = LiveInput::build();
+        const Quorvis::VelStream::PadPtr pad(gst_element_get_static_pad(bin, "src"));
+        gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, change_time, this, nullptr);
+        return bin;
+    }
+
+private:
+    static GstPadProbeReturn change_time(GstPad*, GstPadProbeInfo* info, gpointer self)
+    {
+        auto* buffer = gst_buffer_make_writable(static_cast<GstBuffer*>(info->data));
+        info->data = buffer;
+        static_cast<WrongTimes*>(self)->change(buffer);
+        return GST_PAD_PROBE_OK;
+    }
+
+    void change(GstBuffer* buffer)
+    {
+        const int number = count_++;
+        if (number % 3 == 0) time_ = GST_BUFFER_PTS(buffer) + (number < kFrames / 2 ? 60 * GST_SECOND : 0);
+        GST_BUFFER_PTS(buffer) = number % 3 == 1 ? GST_CLOCK_TIME_NONE : time_;
+        GST_BUFFER_DTS(buffer) = GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
+    }
+
+    int count_ = 0;
+    GstClockTime time_ = 0;
+};
 
 media::MediaSpec video(int width, int height)
 {
@@ -100,6 +137,18 @@ TEST_F(Mp4Output, HoldsWhatTheCallbackPainted)
     const auto* pixel = reinterpret_cast<const std::uint8_t*>(&after[3U * kWidth * 100 + 300]);
     for (int channel = 0; channel < 3; ++channel)
         EXPECT_NEAR(pixel[channel], 200, 4);
+}
+
+TEST_F(Mp4Output, HoldsPicturesThatComeWithWrongTimes)
+{
+    const std::string output = folder_.file("out.mp4");
+    WrongTimes input("live", {.frames = kFrames});
+    Quorvis::VelStream::StreamOutputMp4sink sink(output, 320, 240);
+    StreamCall call(
+        [&](FrameCallback& callback) { return Quorvis::VelStream::startStream(&input, &sink, "live", callback); });
+    ASSERT_TRUE(call.wait_for_end());
+    EXPECT_EQ(call.frames(), kFrames);
+    EXPECT_EQ(probe_video(output).frames, kFrames);
 }
 
 TEST_F(Mp4Output, EndsTheCallAsTheRunnerDocuments)
