@@ -9,6 +9,7 @@
 #include "VideoFiles.h"
 #include "frame_numbers.h"
 #include "process.h"
+#include "velstream.h"
 #include "velstreamRolling.h"
 
 #include <gtest/gtest.h>
@@ -23,6 +24,8 @@ namespace velstream::testing {
 namespace {
 
 using RecordedCamera = WithGStreamer;
+
+constexpr int kAtOnce = -5;
 
 /// What the library said last, for a recording that ended too early.
 std::string last_lines()
@@ -154,6 +157,20 @@ TEST_F(RecordedCamera, IsRemuxedWithoutADecoderIntoARingOf100)
     guint64 duration = 0;
     g_object_get(sink.get(), "max-size-time", &duration, nullptr);
     EXPECT_EQ(duration, 2000000000U);
+    EXPECT_TRUE(stop_ends_call(call, "cam"));
+}
+
+TEST_F(RecordedCamera, OfH265IsRemuxedWithoutADecoder)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live", "--codec", "h265"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url(), "H265"));
+    StreamCall call(configured_stream("cam"));
+    ASSERT_TRUE(wait_for_segments("cam", 1));
+    const ElementPtr pipeline = last_started_pipeline();
+    ASSERT_TRUE(pipeline);
+    EXPECT_EQ(factories_in(pipeline.get()),
+              (std::vector<std::string>{"capsfilter", "h265parse", "rtph265depay", "rtspsrc", "splitmuxsink"}));
     EXPECT_TRUE(stop_ends_call(call, "cam"));
 }
 
@@ -291,7 +308,7 @@ TEST_F(RecordedCamera, IsMergedIntoAFileWhileItIsRecorded)
     const ConfigFile config(recorded_entry("rtsp", camera.url()));
     StreamCall call(configured_stream("cam"));
     ASSERT_TRUE(wait_for_segments("cam", 4)) << last_lines();
-    EXPECT_EQ(merge_rolling_save_video("cam", "--last 3 --output /tmp/rolling/out.mp4", -5), 0);
+    EXPECT_EQ(merge_rolling_save_video("cam", "--last 3 --output /tmp/rolling/out.mp4", kAtOnce), 0);
     EXPECT_FALSE(call.has_ended());
     EXPECT_TRUE(stop_ends_call(call, "cam"));
     const std::vector<int> numbers = numbers_in_file("/tmp/rolling/out.mp4");
@@ -300,6 +317,33 @@ TEST_F(RecordedCamera, IsMergedIntoAFileWhileItIsRecorded)
     const std::vector<Packet> packets = packets_in("/tmp/rolling/out.mp4");
     for (std::size_t i = 1; i < packets.size(); ++i)
         EXPECT_GT(packets[i].dts, packets[i - 1].dts) << i;
+}
+
+TEST_F(RecordedCamera, IsMergedTwiceAtOnceByRequestWhileItIsRecorded)
+{
+    std::filesystem::copy(JOIN_SCRIPT, "/usr/local/bin/concate_video.py");
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(recorded_entry("rtsp", camera.url()));
+    StreamCall call(configured_stream("cam"));
+    ASSERT_TRUE(wait_for_segments("cam", 3)) << last_lines();
+    const std::vector<std::string> outputs{"/tmp/rolling/one.mp4", "/tmp/rolling/two.mp4"};
+    EXPECT_EQ(get_rolling_save_video("absent", "--output /tmp/rolling/absent.mp4", kAtOnce), 0);
+    for (const std::string& output : outputs)
+        EXPECT_EQ(get_rolling_save_video("cam", "--output " + output, kAtOnce), 0);
+    const char* const kCommand = "I get_rolling_save_video - rolling save command: python3 "
+                                 "/usr/local/bin/concate_video.py --output ";
+    for (const std::string& output : outputs) {
+        EXPECT_TRUE(wait_for_log(kCommand + output + " --stream-id cam"));
+        const std::vector<int> numbers = numbers_in_file(output);
+        EXPECT_GE(numbers.size(), 50U);
+        EXPECT_TRUE(are_consecutive(numbers, 1 << media::marker_bits(320))) << text_of(numbers);
+    }
+    EXPECT_TRUE(wait_for_log(kCommand + std::string("/tmp/rolling/absent.mp4 --stream-id absent")));
+    EXPECT_FALSE(std::filesystem::exists("/tmp/rolling/absent.mp4"));
+    EXPECT_FALSE(call.has_ended());
+    EXPECT_TRUE(stop_ends_call(call, "cam"));
+    expect_complete(segments_of("cam"));
 }
 
 } // namespace velstream::testing

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <csignal>
@@ -86,6 +87,15 @@ TEST(MergeRequest, FailureOfTheScriptIsIgnored)
     EXPECT_EQ(log_lines(), std::vector<std::string>{command_line(" --stream-id cam")});
 }
 
+TEST(MergeRequest, CommandThatCannotBeWaitedForIsLogged)
+{
+    const FakeProgram python("python3", kKeepArguments);
+    std::signal(SIGCHLD, SIG_IGN); // nobody learns then how a child ended
+    EXPECT_EQ(merge_rolling_save_video("cam", "", kAtOnce), 0);
+    EXPECT_EQ(log_lines(), (std::vector<std::string>{command_line(" --stream-id cam"),
+                                                     "E get_rolling_save_video - Error calling system"}));
+}
+
 TEST(MergeRequest, WaitsFiveSecondsLonger)
 {
     const FakeProgram python("python3", kKeepArguments);
@@ -163,6 +173,21 @@ TEST(MergeTest, GrepTakesTheIdAsOneWordOnly)
     const FakeProgram ps("ps", listing(kMergeOfCam));
     EXPECT_FALSE(is_concate_video_running("a b; exit 0"));
     EXPECT_NE(grep.written("calls").find("1:a b; exit 0\n"), std::string::npos) << grep.written("calls");
+}
+
+TEST(MergeTest, CommandThatCannotBeStartedIsPrintedAndCountsAsNone)
+{
+    const FakeProgram ps("ps", listing(kMergeOfCam));
+    ::testing::internal::CaptureStderr();
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const bool is_running = is_concate_video_running("cam");
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_FALSE(is_running);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr().rfind("popen: ", 0), 0U);
+    EXPECT_TRUE(is_concate_video_running("cam"));
 }
 
 } // namespace velstream::testing

@@ -83,10 +83,13 @@ TEST_F(RollingSave, OldSegmentsAreDeletedAndNothingElse)
 
 TEST_F(RollingSave, CleanUpRunsFindWithTheseWords)
 {
-    const ConfigFile config(unrecorded_entry("cam"));
     const FakeProgram find("find", kKeepArguments);
-    EXPECT_EQ(start_rolling_save("cam"), -1);
-    EXPECT_EQ(find.written("arguments"), "/tmp/rolling/cam\n-maxdepth\n1\n-type\nf\n-name\n*.mp4\n-delete\n");
+    for (const std::string id : {"cam", "Cam_1.a-B", ".a", "_"}) {
+        const ConfigFile config(unrecorded_entry(id));
+        EXPECT_EQ(start_rolling_save(id), -1);
+        EXPECT_EQ(find.written("arguments"),
+                  "/tmp/rolling/" + id + "\n-maxdepth\n1\n-type\nf\n-name\n*.mp4\n-delete\n");
+    }
 }
 
 TEST_F(RollingSave, FailedCleanUpIsLoggedAndTheStartGoesOn)
