@@ -49,10 +49,12 @@ def generate(path, size, *codec):
     part.rename(path)
 
 
-def generate_all():
+def generate_all(is_recording_only):
     MEDIA.mkdir(parents=True, exist_ok=True)
     x264 = ["-c:v", "libx264", "-preset", "superfast", "-b:v"]
     generate(H264, "1920x1080", *x264, "10M")
+    if is_recording_only:
+        return
     generate(H264_720, "1280x720", *x264, "5M")
     generate(H265, "1920x1080", "-c:v", "libx265", "-preset", "ultrafast", "-x265-params", "log-level=none:bframes=0",
              "-b:v", "8M")
@@ -403,12 +405,12 @@ def main():
     parser.add_argument("--write", action="store_true", help="puts the table into docs/benchmarks.md; with --only, its rows")
     options = parser.parse_args()
     load = os.getloadavg()[0]
-    generate_all()
+    if options.only:
+        GROUPS[:] = [group for group in GROUPS if any(options.only in row.name for row in group[1])]
+    generate_all(is_recording_only=not GROUPS)
     environment = dict(os.environ, GST_PLUGIN_PATH=str(BUILD / "lib" / "velstream-gst" / "gstreamer-1.0"),
                        GST_REGISTRY=str(MEDIA / "registry.bin"))
     subprocess.run(["gst-inspect-1.0", "qtivdec"], env=environment, check=True, stdout=subprocess.DEVNULL)  # the registry
-    if options.only:
-        GROUPS[:] = [group for group in GROUPS if any(options.only in row.name for row in group[1])]
     lines = machine(environment, load) + [f"- medians of {options.rounds} rounds", ""]
     rows = []
     sources = [pipelines] if options.only else [functions, pipelines, memory]
