@@ -1,6 +1,7 @@
 // The tool with streams that end only because it stops them.
 #include "media.h"
 #include "process.h"
+#include "rtmp_server.h"
 #include "tool_fixture.h"
 
 #include <fstream>
@@ -155,6 +156,42 @@ TEST_F(LiveTool, CameraWithSoundOnlyIsToldInOneSentence)
     EXPECT_EQ(run_software("run camera --json --log-level none").status, 1);
     EXPECT_EQ(stderr_text().rfind("velstream: stream camera failed before its first frame: ", 0), 0U) << stderr_text();
     EXPECT_EQ(lines_of(stderr_text()).size(), 1U) << stderr_text();
+}
+
+TEST_F(LiveTool, RtmpServerWithSoundOnlyIsToldInOneSentence)
+{
+    media::MediaSpec spec;
+    spec.frames = 100;
+    spec.has_video = false;
+    spec.has_audio = true;
+    const std::string sound = (folder_ / "sound.mp4").string();
+    ASSERT_EQ(media::make_media(spec, sound), "");
+    peers::RtmpServer server;
+    ASSERT_NE(server.port(), 0);
+    const peers::RtmpPublisher publisher(sound, server.url("plain"));
+    ASSERT_TRUE(server.wait_for("publish:"));
+    write_clip(1, R"(,{"streamsId": "camera", "properties": {"inputType": "rtmp", "inputAddr": ")" +
+                      server.url("plain") + R"( live=1"}})");
+    EXPECT_EQ(run_software("run camera --json --log-level none").status, 1);
+    EXPECT_EQ(stderr_text().rfind("velstream: stream camera failed before its first frame: ", 0), 0U) << stderr_text();
+    EXPECT_NE(stderr_text().find("The server sends sound before any video, or no video at all.\n"), std::string::npos)
+        << stderr_text();
+    EXPECT_EQ(lines_of(stderr_text()).size(), 1U) << stderr_text();
+}
+
+TEST_F(LiveTool, CameraOfAnotherCodecIsToldWhileItRuns)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live", "--codec", "h265"});
+    ASSERT_NE(camera.port(), 0);
+    write_clip(1, entry("camera", camera.url()));
+    peers::ChildProcess tool = start("run camera");
+    std::optional<std::string> line = tool.read_line();
+    while (line && line->find("Incoming data decode type: H265, doesn't match defined type") == std::string::npos)
+        line = tool.read_line();
+    EXPECT_TRUE(line) << "nothing names the cause";
+    tool.interrupt();
+    EXPECT_EQ(tool.read_until("velstream: "), "velstream: stream camera was stopped before its first frame.");
+    EXPECT_EQ(tool.wait(), 1);
 }
 
 class LiveToolSignal : public LiveTool, public testing::WithParamInterface<int> {};

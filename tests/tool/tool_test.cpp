@@ -1,9 +1,11 @@
 #include "media.h"
 #include "tool_fixture.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <utility>
 
 namespace {
@@ -167,6 +169,26 @@ TEST_F(Tool, InputWithNothingToPlayIsToldInOneSentence)
     EXPECT_EQ(run_software("run h265 --log-level none").status, 1);
     EXPECT_EQ(stderr_text(), "velstream: stream h265 failed before its first frame: qtdemux0: The file's video is of "
                              "another codec than the entry's \"decodeType\".\n");
+}
+
+TEST_F(Tool, FileThatCannotBePlayedIsToldInOneSentence)
+{
+    write_clip(20, R"(,{"streamsId": "other", "properties": {"inputType": "file", "inputAddr": ")" + clip() +
+                       R"(", "decodeType": "H265"}})");
+    const std::string before = "velstream: stream clip failed before its first frame: qtdemux0: ";
+    EXPECT_EQ(run_software("run other --log-level none").status, 1);
+    EXPECT_EQ(stderr_text(), "velstream: stream other failed before its first frame: qtdemux0: The file's video is of "
+                             "another codec than the entry's \"decodeType\".\n");
+    std::filesystem::resize_file(clip(), std::filesystem::file_size(clip()) / 2); // its index is at the end
+    EXPECT_EQ(run_software("run clip --log-level none").status, 1);
+    EXPECT_EQ(stderr_text().rfind(before + "The file is cut short: ", 0), 0U) << stderr_text();
+    EXPECT_EQ(lines_of(stderr_text()).size(), 1U) << stderr_text();
+    std::mt19937 random(3);
+    std::string bytes(1 << 20, '\0');
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+    std::ofstream(clip(), std::ios::binary) << bytes;
+    EXPECT_EQ(run_software("run clip --log-level none").status, 1);
+    EXPECT_EQ(stderr_text(), before + "This file is invalid and cannot be played.\n");
 }
 
 TEST_F(Tool, FileThatIsCutShortEndsWellAndIsTold)
