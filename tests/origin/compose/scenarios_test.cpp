@@ -34,9 +34,9 @@ void expect_video(const FileFacts& facts, const std::string& codec, int width, B
     EXPECT_GE(facts.seconds, std::max(seconds, 1.0)); // the first fragment may be short
     EXPECT_LE(facts.seconds, seconds + 20);           // until the first fragments are there, and until the stop
     const double rate = static_cast<double>(facts.frames) / facts.seconds;
-    const double tolerance = seconds > 0 ? 0.5 : 2.0; // few frames are counted with one more or less
-    EXPECT_LE(rate, 10.0 + tolerance);
-    EXPECT_GE(rate, branch == Branch::keeps_frames ? 10.0 - tolerance : 1.0);
+    EXPECT_LE(rate, seconds > 0 ? 10.5 : 12.0); // few frames are counted with one more or less
+    if (branch == Branch::leaks_frames) return;
+    EXPECT_GE(rate, seconds > 0 ? 9.5 : 5.0); // the composer of a busy machine comes late for its first frames
 }
 
 /// What a test saw, for whoever runs it for long.
