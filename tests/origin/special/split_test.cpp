@@ -94,6 +94,19 @@ int number_in_picture(const std::string& path)
     return media::read_frame_number(pixels, kWidth, kHeight, 3U * kWidth).value_or(-1);
 }
 
+/// Three numbers that the screen shows one after the other, or fewer when it does not within the bound.
+std::vector<int> numbers_on(peers::BareScreen& screen, const StreamCall& call)
+{
+    std::vector<int> shown;
+    const auto end = std::chrono::steady_clock::now() + kPatience / 4;
+    // A new window is faded in, so the first pictures may have no number to be read.
+    while (shown.size() < 3 && !call.has_ended() && std::chrono::steady_clock::now() < end) {
+        const int number = number_in_picture(screen.take_picture());
+        if (number >= 0 && (shown.empty() || shown.back() != number)) shown.push_back(number);
+    }
+    return shown;
+}
+
 /// Lets one thread through once another has opened it.
 class Gate {
 public:
@@ -224,17 +237,16 @@ TEST_F(SplitCamera, WindowShowsTheCamera)
     peers::BareScreen screen(640, 360);
     ASSERT_TRUE(camera.port() != 0 && screen.is_ready());
     const ConfigFile config(pair(camera.url(), R"(, "outputType": "wayland", "outputAddr": "")"));
-    StreamCall call(split([](const Image&) {}));
-    ASSERT_TRUE(call.wait_for_frames(10));
     std::vector<int> shown;
-    const auto end = std::chrono::steady_clock::now() + kPatience;
-    // A new window is faded in, so the first pictures may have no number to be read.
-    while (shown.size() < 3 && !call.has_ended() && std::chrono::steady_clock::now() < end) {
-        const int number = number_in_picture(screen.take_picture());
-        if (number >= 0 && (shown.empty() || shown.back() != number)) shown.push_back(number);
+    // GStreamer's sink gives a compositor a tenth of a second for the layout of a new window. One that takes longer, on
+    // a busy machine, refuses the window, and the stream goes on without it: another one then.
+    for (int attempt = 0; attempt < 4 && shown.size() < 3; ++attempt) {
+        StreamCall call(split([](const Image&) {}));
+        ASSERT_TRUE(call.wait_for_frames(10));
+        shown = numbers_on(screen, call);
+        EXPECT_TRUE(stop_ends_call(call, "one"));
     }
     EXPECT_EQ(shown.size(), 3U) << "the screen shows no moving picture: " << text_of(shown);
-    EXPECT_TRUE(stop_ends_call(call, "one"));
 }
 
 TEST_F(SplitCamera, TwoRecordersHaveEveryFrame)
