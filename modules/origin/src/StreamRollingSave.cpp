@@ -118,21 +118,32 @@ ElementPtr make_pipeline(const StreamProperty& property, const std::string& stre
 /// Mends the time stamps that the muxer would end the recording over. A parser that gets two pictures under one time
 /// stamp hands out the second without any: such a picture is put right behind the one before. And after a network that
 /// stood still for seconds the camera's pictures come in a heap, for which the source sets its clock back: what follows
-/// is put behind what is recorded. In decoding order a key frame comes later than all before it.
+/// is put behind what is recorded, from the step on where it is a large one. In decoding order a key frame comes later
+/// than all before it.
 class RecordedTimes {
 public:
     void mend(GstPadProbeInfo* info)
     {
         auto* buffer = static_cast<GstBuffer*>(info->data);
         const GstClockTime time = time_of(buffer);
-        if (!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT) && time + shift_ <= newest_)
-            shift_ = newest_ + GST_MSECOND - time;
+        const GstClockTime decoding_time = GST_BUFFER_DTS_IS_VALID(buffer) ? GST_BUFFER_DTS(buffer) : time;
+        const bool is_key = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+        if (is_key || time + shift_ + kLongestReordering < newest_) {
+            // Each by its own: pictures that are reordered are decoded before others are shown.
+            put_behind(newest_, time);
+            put_behind(newest_decoding_, decoding_time);
+        }
         if (time != GST_BUFFER_PTS(buffer) || shift_ > 0) info->data = moved(buffer, time);
         last_ = time;
         newest_ = std::max(newest_, time + shift_);
+        newest_decoding_ = std::max(newest_decoding_, decoding_time + shift_);
     }
 
 private:
+    void put_behind(GstClockTime newest, GstClockTime time)
+    {
+        if (newest > 0 && time + shift_ <= newest) shift_ = newest + GST_MSECOND - time;
+    }
     GstClockTime time_of(GstBuffer* buffer) const
     {
         if (GST_BUFFER_PTS_IS_VALID(buffer)) return GST_BUFFER_PTS(buffer);
@@ -146,8 +157,11 @@ private:
         return buffer;
     }
 
-    GstClockTime last_ = 0;   // as it came
-    GstClockTime newest_ = 0; // as it was handed on
+    static constexpr GstClockTime kLongestReordering = GST_SECOND;
+
+    GstClockTime last_ = 0; // as it came
+    GstClockTime newest_ = 0;
+    GstClockTime newest_decoding_ = 0; // these two as they were handed on
     GstClockTime shift_ = 0;
 };
 
