@@ -1,4 +1,6 @@
 // The software decoders and encoders, each alone in a harness; libav's own decoder and ffprobe are the judges.
+#include "gst_handles.h"
+
 #include <gst/app/gstappsink.h>
 #include <gst/check/gstharness.h>
 #include <gst/video/video.h>
@@ -15,21 +17,7 @@
 
 namespace {
 
-template <auto Release>
-struct Releaser {
-    template <typename T>
-    void operator()(T* object) const noexcept
-    {
-        Release(object);
-    }
-};
-using ElementPtr = std::unique_ptr<GstElement, Releaser<gst_object_unref>>;
-using BusPtr = std::unique_ptr<GstBus, Releaser<gst_object_unref>>;
-using CapsPtr = std::unique_ptr<GstCaps, Releaser<gst_caps_unref>>;
-using BufferPtr = std::unique_ptr<GstBuffer, Releaser<gst_buffer_unref>>;
-using SamplePtr = std::unique_ptr<GstSample, Releaser<gst_sample_unref>>;
-using EventPtr = std::unique_ptr<GstEvent, Releaser<gst_event_unref>>;
-using MessagePtr = std::unique_ptr<GstMessage, Releaser<gst_message_unref>>;
+using namespace velstream::handles;
 using HarnessPtr = std::unique_ptr<GstHarness, Releaser<gst_harness_teardown>>;
 using Samples = std::vector<SamplePtr>;
 

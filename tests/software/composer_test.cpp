@@ -17,12 +17,6 @@ protected:
     static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
 };
 
-struct ObjectUnref {
-    void operator()(gpointer object) const { gst_object_unref(object); }
-};
-using ElementPtr = std::unique_ptr<GstElement, ObjectUnref>;
-using PadPtr = std::unique_ptr<GstPad, ObjectUnref>;
-
 constexpr GstClockTime kFrameTime = 40 * GST_MSECOND;
 constexpr GstClockTime kPatience = 30 * GST_SECOND;
 

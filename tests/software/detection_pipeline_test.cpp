@@ -74,16 +74,6 @@ std::array<int, 4> box_around(const Frame& frame, int x, int y)
     return {x - reach(-1, 0) - 1, y - reach(0, -1) - 1, x + reach(1, 0) + 2, y + reach(0, 1) + 2};
 }
 
-struct ElementUnref {
-    void operator()(GstElement* element) const { gst_object_unref(element); }
-};
-using ElementPtr = std::unique_ptr<GstElement, ElementUnref>;
-
-struct SampleUnref {
-    void operator()(GstSample* sample) const { gst_sample_unref(sample); }
-};
-using SamplePtr = std::unique_ptr<GstSample, SampleUnref>;
-
 ElementPtr element_in(const ElementPtr& pipeline, const char* name)
 {
     return ElementPtr(gst_bin_get_by_name(GST_BIN(pipeline.get()), name));

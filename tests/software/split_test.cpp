@@ -15,12 +15,6 @@ protected:
     static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
 };
 
-struct ObjectUnref {
-    void operator()(gpointer object) const { gst_object_unref(object); }
-};
-using ElementPtr = std::unique_ptr<GstElement, ObjectUnref>;
-using PadPtr = std::unique_ptr<GstPad, ObjectUnref>;
-
 /// A splitter with a harness at its sink pad and one at each of "src_0" and "src_1".
 struct TwoBranches {
     ElementPtr element{GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("qtivsplit", nullptr)))};

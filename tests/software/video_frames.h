@@ -1,6 +1,8 @@
 // Raw frames for the element tests: made, compared, and pushed through elements.
 #pragma once
 
+#include "gst_handles.h"
+
 #include <gst/check/gstharness.h>
 #include <gst/video/video.h>
 
@@ -12,25 +14,9 @@
 
 namespace velstream::test {
 
-struct BufferUnref {
-    void operator()(GstBuffer* buffer) const { gst_buffer_unref(buffer); }
-};
-using BufferPtr = std::unique_ptr<GstBuffer, BufferUnref>;
+using namespace velstream::handles;
 
-struct CapsUnref {
-    void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
-};
-using CapsPtr = std::unique_ptr<GstCaps, CapsUnref>;
-
-struct PadUnref {
-    void operator()(GstPad* pad) const { gst_object_unref(pad); }
-};
-using PadPtr = std::unique_ptr<GstPad, PadUnref>;
-
-struct HarnessTeardown {
-    void operator()(GstHarness* harness) const { gst_harness_teardown(harness); }
-};
-using HarnessPtr = std::unique_ptr<GstHarness, HarnessTeardown>;
+using HarnessPtr = std::unique_ptr<GstHarness, Releaser<gst_harness_teardown>>;
 
 /// "video/x-raw<features>,framerate=25/1,<rest>".
 inline std::string video_caps(const std::string& rest, const std::string& features = "")

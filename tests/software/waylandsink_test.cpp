@@ -1,4 +1,6 @@
 // The platform's "waylandsink": which process has it, what it takes, and what a headless compositor shows.
+#include "gst_handles.h"
+
 #include <gst/check/gstharness.h>
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
@@ -20,22 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-template <auto Release>
-struct Releaser {
-    template <typename T>
-    void operator()(T* object) const noexcept
-    {
-        Release(object);
-    }
-};
-using ElementPtr = std::unique_ptr<GstElement, Releaser<gst_object_unref>>;
-using PadPtr = std::unique_ptr<GstPad, Releaser<gst_object_unref>>;
-using CapsPtr = std::unique_ptr<GstCaps, Releaser<gst_caps_unref>>;
-using BusPtr = std::unique_ptr<GstBus, Releaser<gst_object_unref>>;
-using BufferPtr = std::unique_ptr<GstBuffer, Releaser<gst_buffer_unref>>;
-using SamplePtr = std::unique_ptr<GstSample, Releaser<gst_sample_unref>>;
-using PluginPtr = std::unique_ptr<GstPlugin, Releaser<gst_object_unref>>;
-using MessagePtr = std::unique_ptr<GstMessage, Releaser<gst_message_unref>>;
+using namespace velstream::handles;
 
 /// Makes an element; empty where its factory is missing.
 ElementPtr make(const char* factory)

@@ -1,6 +1,7 @@
 #include "elements.h"
 
 #include "configuration.h"
+#include "gst_handles.h"
 
 #include <gst/gst.h>
 
@@ -69,10 +70,6 @@ void choose_elements(const std::string& choice)
 
 namespace {
 
-struct Unref {
-    void operator()(void* object) const { gst_object_unref(object); }
-};
-
 std::string text_of(const char* text)
 {
     return text ? text : "";
@@ -83,9 +80,9 @@ std::string text_of(const char* text)
 ElementState find_element(const std::string& name)
 {
     ElementState state{name, "", ""};
-    const std::unique_ptr<GstElementFactory, Unref> factory(gst_element_factory_find(name.c_str()));
+    const handles::GstObjectPtr<GstElementFactory> factory(gst_element_factory_find(name.c_str()));
     if (!factory) return state;
-    const std::unique_ptr<GstPlugin, Unref> plugin(gst_plugin_feature_get_plugin(GST_PLUGIN_FEATURE(factory.get())));
+    const handles::PluginPtr plugin(gst_plugin_feature_get_plugin(GST_PLUGIN_FEATURE(factory.get())));
     // Without a plug-in it was made in this process, which only the software elements' answer to "waylandsink" is.
     state.plugin = plugin ? text_of(gst_plugin_get_name(plugin.get())) : kPlugin;
     if (plugin) state.file = text_of(gst_plugin_get_filename(plugin.get()));

@@ -1,5 +1,7 @@
 #include "stream_errors.h"
 
+#include "gst_handles.h"
+
 #include <gst/gst.h>
 
 #include <algorithm>
@@ -36,14 +38,11 @@ std::map<std::string, StreamError>& errors()
     return *errors;
 }
 
-struct Unref {
-    void operator()(void* object) const { gst_object_unref(object); }
-};
-using ObjectPtr = std::unique_ptr<GstObject, Unref>;
+using ObjectPtr = handles::GstObjectPtr<GstObject>;
 
 std::string name_of(GstObject* object)
 {
-    const std::unique_ptr<char, decltype(&g_free)> name(gst_object_get_name(object), g_free);
+    const handles::TextPtr name(gst_object_get_name(object));
     return name ? name.get() : "";
 }
 

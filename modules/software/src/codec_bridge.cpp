@@ -194,7 +194,7 @@ void vel_codec_bridge_class_init(VelCodecBridgeClass* klass)
 
 ElementPtr make_bridge(const BridgeFormats& formats)
 {
-    ElementPtr element = own_element(GST_ELEMENT(g_object_new(vel_codec_bridge_get_type(), nullptr)));
+    ElementPtr element = share(GST_ELEMENT(g_object_new(vel_codec_bridge_get_type(), nullptr)));
     VelCodecBridge* bridge = bridge_of(element.get());
     bridge->sink_formats = gst_caps_from_string(formats.sink);
     bridge->src_formats = gst_caps_from_string(formats.src);

@@ -1,24 +1,14 @@
 #include "detection_mask.h"
 
-#include <pango/pangocairo.h>
+#include "cairo_handles.h"
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 
 namespace velstream::software {
 
 namespace {
-
-struct CairoRelease {
-    void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
-    void operator()(cairo_t* context) const { cairo_destroy(context); }
-    void operator()(PangoLayout* layout) const { g_object_unref(layout); }
-    void operator()(PangoFontDescription* font) const { pango_font_description_free(font); }
-};
-template <typename T>
-using CairoPtr = std::unique_ptr<T, CairoRelease>;
 
 struct RgbColour {
     double red, green, blue;
@@ -63,10 +53,10 @@ int font_size(const Picture& mask)
     return std::max(11, mask.height / 40);
 }
 
-CairoPtr<PangoLayout> make_layout(cairo_t* context, const std::string& text, int size)
+LayoutPtr make_layout(cairo_t* context, const std::string& text, int size)
 {
-    CairoPtr<PangoLayout> layout(pango_cairo_create_layout(context));
-    const CairoPtr<PangoFontDescription> font(pango_font_description_from_string("Sans"));
+    LayoutPtr layout(pango_cairo_create_layout(context));
+    const FontPtr font(pango_font_description_from_string("Sans"));
     pango_font_description_set_absolute_size(font.get(), static_cast<double>(size) * PANGO_SCALE);
     pango_layout_set_font_description(layout.get(), font.get());
     pango_layout_set_single_paragraph_mode(layout.get(), TRUE);
@@ -98,7 +88,7 @@ void draw_label(const Brush& brush, const Picture& mask, const LabelledBox& box,
 {
     constexpr int kMargin = 3;
     if (box.text.empty()) return;
-    const CairoPtr<PangoLayout> layout = make_layout(brush.context(), box.text, font_size(mask));
+    const LayoutPtr layout = make_layout(brush.context(), box.text, font_size(mask));
     int width = 0;
     int height = 0;
     pango_layout_get_pixel_size(layout.get(), &width, &height);
@@ -129,9 +119,9 @@ void draw_mask(const Picture& mask, const std::vector<LabelledBox>& boxes)
 {
     clear(mask);
     if (boxes.empty()) return;
-    const CairoPtr<cairo_surface_t> surface(cairo_image_surface_create_for_data(
-        mask.data[0], CAIRO_FORMAT_ARGB32, mask.width, mask.height, mask.stride[0]));
-    const CairoPtr<cairo_t> context(cairo_create(surface.get()));
+    const SurfacePtr surface(cairo_image_surface_create_for_data(mask.data[0], CAIRO_FORMAT_ARGB32, mask.width,
+                                                                 mask.height, mask.stride[0]));
+    const ContextPtr context(cairo_create(surface.get()));
     cairo_set_antialias(context.get(), CAIRO_ANTIALIAS_NONE);
     cairo_font_options_t* options = cairo_font_options_create();
     cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_GRAY); // the same for both orders of colours

@@ -1,5 +1,6 @@
 #include "network.h"
 
+#include "gst_handles.h"
 #include "onnx_header.h"
 
 #include <opencv2/dnn.hpp>
@@ -11,10 +12,7 @@ namespace velstream::software {
 
 namespace {
 
-struct MappedFileRelease {
-    void operator()(GMappedFile* file) const { g_mapped_file_unref(file); }
-};
-using MappedFilePtr = std::unique_ptr<GMappedFile, MappedFileRelease>;
+using MappedFilePtr = std::unique_ptr<GMappedFile, handles::Releaser<g_mapped_file_unref>>;
 
 std::string in_quotes(const std::string& path)
 {

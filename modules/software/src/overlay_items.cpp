@@ -1,7 +1,5 @@
 #include "overlay_items.h"
 
-#include <pango/pangocairo.h>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -14,23 +12,6 @@ namespace {
 /// More than any frame, less than what cairo can hold.
 constexpr int kMaxSize = 16384;
 constexpr int kDefaultFontSize = 24;
-
-using SurfacePtr = std::unique_ptr<cairo_surface_t, SurfaceRelease>;
-
-struct ContextRelease {
-    void operator()(cairo_t* context) const { cairo_destroy(context); }
-};
-using ContextPtr = std::unique_ptr<cairo_t, ContextRelease>;
-
-struct ObjectRelease {
-    void operator()(gpointer object) const { g_object_unref(object); }
-};
-using LayoutPtr = std::unique_ptr<PangoLayout, ObjectRelease>;
-
-struct FontRelease {
-    void operator()(PangoFontDescription* font) const { pango_font_description_free(font); }
-};
-using FontPtr = std::unique_ptr<PangoFontDescription, FontRelease>;
 
 // ---- Reading
 // --------------------------------------------------------------------------------------------------------------------

@@ -1,12 +1,9 @@
 // What "qtivoverlay" draws: read from its properties, and made into pictures.
 #pragma once
 
+#include "cairo_handles.h"
 #include "vtransform_geometry.h"
 
-#include <cairo.h>
-#include <gst/gst.h>
-
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,13 +33,9 @@ std::optional<std::vector<OverlayImage>> read_images(const std::string& text);
 /// The same for {(structure)"text1,contents=\"Cam\",fontsize=24,position=<20,20>,color=0xFF0000FF;"}.
 std::optional<std::vector<OverlayText>> read_texts(const std::string& text);
 
-struct SurfaceRelease {
-    void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
-};
-
 /// A picture ready to be blended; its pixels are BGRA, multiplied by their alpha.
 struct OverlayPicture {
-    std::unique_ptr<cairo_surface_t, SurfaceRelease> surface;
+    SurfacePtr surface;
     int x = 0, y = 0;
 
     Picture picture() const;

@@ -1,55 +1,23 @@
-// Owners for the GStreamer and GLib handles of the elements: they release on every way out.
+// What the elements own, and how they make and map it.
 #pragma once
 
-#include <gst/gst.h>
-#include <gst/video/video.h>
+#include "gst_handles.h"
 
-#include <memory>
+#include <gst/video/video.h>
 
 namespace velstream::software {
 
-template <auto Release>
-struct Releaser {
-    template <typename T>
-    void operator()(T* object) const noexcept
-    {
-        Release(object);
-    }
-};
+using namespace velstream::handles;
 
-/// For what GStreamer counts as mini objects; their own unref functions are inline and name no template.
-struct MiniObjectReleaser {
-    template <typename T>
-    void operator()(T* object) const noexcept
-    {
-        gst_mini_object_unref(GST_MINI_OBJECT_CAST(object));
-    }
-};
-
-using ElementPtr = std::unique_ptr<GstElement, Releaser<gst_object_unref>>;
-using ElementFactoryPtr = std::unique_ptr<GstElementFactory, Releaser<gst_object_unref>>;
-using PluginPtr = std::unique_ptr<GstPlugin, Releaser<gst_object_unref>>;
-using PluginFeaturePtr = std::unique_ptr<GstPluginFeature, Releaser<gst_object_unref>>;
-using PadPtr = std::unique_ptr<GstPad, Releaser<gst_object_unref>>;
-using BufferPoolPtr = std::unique_ptr<GstBufferPool, Releaser<gst_object_unref>>;
-using BufferPtr = std::unique_ptr<GstBuffer, MiniObjectReleaser>;
-using CapsPtr = std::unique_ptr<GstCaps, MiniObjectReleaser>;
-using MiniObjectPtr = std::unique_ptr<GstMiniObject, MiniObjectReleaser>;
-using EventPtr = std::unique_ptr<GstEvent, MiniObjectReleaser>;
-using QueryPtr = std::unique_ptr<GstQuery, MiniObjectReleaser>;
-using StructurePtr = std::unique_ptr<GstStructure, Releaser<gst_structure_free>>;
+using ElementFactoryPtr = GstObjectPtr<GstElementFactory>;
+using PluginFeaturePtr = GstObjectPtr<GstPluginFeature>;
+using BufferPoolPtr = GstObjectPtr<GstBufferPool>;
 using ConverterPtr = std::unique_ptr<GstVideoConverter, Releaser<gst_video_converter_free>>;
-
-/// Takes over a floating or new element: the handle owns it before and after a bin takes a reference of its own.
-inline ElementPtr own_element(GstElement* element)
-{
-    return ElementPtr(element ? GST_ELEMENT(gst_object_ref_sink(element)) : nullptr);
-}
 
 /// Makes an element by its factory name; empty where the factory is missing.
 inline ElementPtr make_element(const char* factory)
 {
-    return own_element(gst_element_factory_make(factory, nullptr));
+    return share(gst_element_factory_make(factory, nullptr));
 }
 
 /// A mapped frame; unmaps at the end of its life and takes no reference to the buffer.

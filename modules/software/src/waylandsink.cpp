@@ -100,7 +100,7 @@ ElementPtr make_stock_sink()
         stock = loaded_sink();
     }
     if (!stock) return nullptr;
-    return own_element(gst_element_factory_create(GST_ELEMENT_FACTORY(stock.get()), nullptr));
+    return share(gst_element_factory_create(GST_ELEMENT_FACTORY(stock.get()), nullptr));
 }
 
 // ---- The element

@@ -1,4 +1,5 @@
 #include "media.h"
+#include "gst_handles.h"
 
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
@@ -12,6 +13,8 @@
 namespace media {
 
 namespace {
+
+using velstream::handles::ElementPtr;
 
 constexpr int kSquare = 32; // pixels; survives H.264, H.265 and MJPEG
 constexpr int kGuards = 2;
@@ -63,14 +66,9 @@ std::string describe(const MediaSpec& spec, const std::string& path)
     return text;
 }
 
-struct Unref {
-    void operator()(gpointer object) const { gst_object_unref(object); }
-};
-using ElementHandle = std::unique_ptr<GstElement, Unref>;
-
-ElementHandle by_name(GstElement* pipeline, const std::string& name)
+ElementPtr by_name(GstElement* pipeline, const std::string& name)
 {
-    return ElementHandle(gst_bin_get_by_name(GST_BIN(pipeline), name.c_str()));
+    return ElementPtr(gst_bin_get_by_name(GST_BIN(pipeline), name.c_str()));
 }
 
 void configure_source(GstElement* source, const MediaSpec& spec)
@@ -106,17 +104,17 @@ bool wait_for_room(GstElement* pipeline, GstElement* source)
     return is_fine;
 }
 
-void push_frames(GstElement* pipeline, const std::vector<ElementHandle>& sources, const MediaSpec& spec)
+void push_frames(GstElement* pipeline, const std::vector<ElementPtr>& sources, const MediaSpec& spec)
 {
     FramePainter painter(spec.width, spec.height, spec.has_noise);
     for (int number = 0; number < spec.frames; ++number) {
-        for (const ElementHandle& source : sources) {
+        for (const ElementPtr& source : sources) {
             if (!wait_for_room(pipeline, source.get())) return;
             if (gst_app_src_push_buffer(GST_APP_SRC(source.get()), make_frame(painter, spec, number)) != GST_FLOW_OK)
                 return;
         }
     }
-    for (const ElementHandle& source : sources)
+    for (const ElementPtr& source : sources)
         gst_app_src_end_of_stream(GST_APP_SRC(source.get()));
 }
 
@@ -168,15 +166,14 @@ std::string make_media(const MediaSpec& spec, const std::string& path)
 {
     gst_init(nullptr, nullptr);
     GError* error = nullptr;
-    const ElementHandle pipeline(
-        GST_ELEMENT(gst_object_ref_sink(gst_parse_launch(describe(spec, path).c_str(), &error))));
+    const ElementPtr pipeline(GST_ELEMENT(gst_object_ref_sink(gst_parse_launch(describe(spec, path).c_str(), &error))));
     if (error) {
         std::string failure = error->message;
         g_error_free(error);
         return failure;
     }
     g_object_set(by_name(pipeline.get(), "out").get(), "location", path.c_str(), nullptr);
-    std::vector<ElementHandle> sources;
+    std::vector<ElementPtr> sources;
     for (int track = 0; spec.has_video && track < spec.video_tracks; ++track) {
         sources.push_back(by_name(pipeline.get(), "video" + std::to_string(track)));
         configure_source(sources.back().get(), spec);
