@@ -33,7 +33,7 @@ enum StreamType {
 };
 
 /// What a composition does with its canvas. Values 0 to 3 are accepted and start nothing.
-enum ScenarioType {
+enum ScenarioType : int {
     SCENARIO_FILE = 4, ///< Saved to file only.
     SCENARIO_COMPOSE_ONLY =
         5, ///< The bare canvas, without overlays, push and detection; into the file, if one is given.
@@ -42,7 +42,7 @@ enum ScenarioType {
 };
 
 /// Kinds of task that describe a composition.
-enum TaskType {
+enum TaskType : int {
     TASK_ADD_INPUT = 0,       ///< Adds a sub-stream input.
     TASK_ADD_OUTPUT = 1,      ///< Adds an encoded output.
     TASK_RTSP = 2,            ///< An RTSP declaration: validated, then refused.
