@@ -7,6 +7,7 @@
 #include <gst/app/gstappsrc.h>
 
 #include <algorithm>
+#include <thread>
 
 namespace Quorvis::VelStream {
 
@@ -97,6 +98,27 @@ std::vector<PadPtr> source_pads_of(GstElement* element)
     return pads;
 }
 
+/// Waits until a source has started, within the bound of a stop. An end of stream that comes while it starts makes its
+/// loop run at once, which waits for PLAYING then (a live source) with the lock that the start still needs, and neither
+/// goes on; one that comes before is forgotten by the start.
+/// @return false when there is nothing to end: it has not started in time, goes down, or has left its pipeline.
+bool wait_until_started(GstElement* source)
+{
+    constexpr std::chrono::milliseconds kPoll{5};
+    const auto deadline = std::chrono::steady_clock::now() + kEndOfStreamBound;
+    while (std::chrono::steady_clock::now() < deadline) {
+        GST_OBJECT_LOCK(source);
+        const bool is_started = GST_STATE(source) >= GST_STATE_PAUSED;
+        const bool goes_down = is_started && GST_STATE_NEXT(source) == GST_STATE_READY;
+        const bool is_left = !GST_OBJECT_PARENT(source);
+        GST_OBJECT_UNLOCK(source);
+        if (goes_down || is_left) return false;
+        if (is_started) return true;
+        std::this_thread::sleep_for(kPoll);
+    }
+    return false;
+}
+
 /// A source that is one element takes the event itself: its loop sends it behind the last data. A source that is a bin
 /// (an RTSP client) would hand it to elements that it releases at the same moment when it goes to NULL; there the event
 /// enters the pipeline behind the source's pads. An application's source has a queue of its own, which the plain event
@@ -108,7 +130,7 @@ void end_source(GstElement* source)
         return;
     }
     if (!GST_IS_BIN(source)) {
-        GST_ELEMENT_GET_CLASS(source)->send_event(source, gst_event_new_eos());
+        if (wait_until_started(source)) GST_ELEMENT_GET_CLASS(source)->send_event(source, gst_event_new_eos());
         return;
     }
     for (const PadPtr& pad : source_pads_of(source)) {
