@@ -97,7 +97,8 @@ Outcome retry_or_fail(RunScope& scope, int attempt)
     }
     scope.set_null();
     VEL_LOG_INFO("Retrying pipeline due to error. Attempt %d", attempt + 1);
-    return kAttempt;
+    // The next attempt would take the elements out one by one, and wait for a source that does not come down.
+    return scope.run().is_stop_asked() ? leave_with(0) : kAttempt;
 }
 
 /// Replaces the pipeline and plays it. It counts as no attempt.

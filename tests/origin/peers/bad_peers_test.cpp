@@ -215,7 +215,6 @@ TEST_F(BadPeer, RtmpServerThatFallsSilentIsStoppedAllTheSame)
 
 TEST_F(BadPeer, RtmpServerThatFallsSilentDoesNotHoldUpAnOutputsFailure)
 {
-    if (!has_v4l2_codecs()) return; // builds its pipeline anew for as long as it takes
     // GStreamer's sink may go on sending on a connection that it has closed, which GIO criticises.
     g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK));
     peers::RtmpServer server;
@@ -225,17 +224,23 @@ TEST_F(BadPeer, RtmpServerThatFallsSilentDoesNotHoldUpAnOutputsFailure)
     const TemporaryFolder folder;
     peers::RtspPeer recorder(RTSP_PEER, {"record", "--out", folder.file("pushed.mp4")});
     ASSERT_NE(recorder.port(), 0);
-    const ConfigFile config(one_stream(
-        "camera", R"("inputType": "rtmp", "inputAddr": ")" + server.url() + R"( live=1", "decodeType": "H264", )" +
-                      R"("outputType": "rtsp", "outputAddr": ")" + recorder.tcp_url() + R"(", "encodeType": "H264")"));
+    const ConfigFile config(one_stream("camera", R"("inputType": "rtmp", "inputAddr": ")" + server.url() +
+                                                     R"( live=1", "decodeType": "H264", )" +
+                                                     R"("outputType": "rtsp", "outputAddr": ")" + recorder.tcp_url() +
+                                                     R"(", "encodeType": "H264", "manualRebuild": true)"));
     StreamCall call(configured_stream("camera"));
     ASSERT_TRUE(call.wait_for_frames(10)) << log_text();
     server.pause();
     while (call.wait_for_frames(call.frames() + 1, std::chrono::seconds(1))) {
     }
     recorder.kill_now();
-    EXPECT_TRUE(call.wait_for_end()) << log_text();
-    EXPECT_EQ(call.result(), -1);
+    if (has_v4l2_codecs()) {
+        EXPECT_TRUE(call.wait_for_end()) << log_text();
+        EXPECT_EQ(call.result(), -1);
+    } else { // tries the same pipeline again, for which it must come down; a stop does not wait for that
+        EXPECT_FALSE(call.wait_for_end(std::chrono::seconds(1)));
+        EXPECT_TRUE(stop_ends_call(call, "camera")) << log_text();
+    }
     server.resume(); // for its end
 }
 
