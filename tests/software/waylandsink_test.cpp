@@ -131,20 +131,23 @@ TEST(WaylandSink, AbsentWhereTheStockSinkIs)
     EXPECT_FALSE(make("waylandsink"));
 }
 
-TEST(WaylandSink, ThreadsThatMakeTheFirstSinksAllGetThePlatforms)
+TEST(WaylandSink, ThreadsThatMakeTheFirstPipelinesAllGetThePlatforms)
 {
     ask_for_software_platform();
     std::vector<std::thread> threads;
     std::atomic<int> platform_sinks = 0;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&] {
-            const ElementPtr sink = make("waylandsink");
-            if (sink && has_property(sink, "width")) ++platform_sinks;
-        });
+    for (const char* before : {"v4l2h264dec", "v4l2h264enc", "qtivtransform", "v4l2h265dec"}) {
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([&, before] {
+                const ElementPtr other = make(before);
+                const ElementPtr sink = make("waylandsink");
+                if (other && sink && has_property(sink, "width")) ++platform_sinks;
+            });
+        }
     }
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_EQ(platform_sinks, 8);
+    EXPECT_EQ(platform_sinks, 16);
 }
 
 /// The first child's factory type; 0: there is none.

@@ -5,8 +5,8 @@
 #include "codec_bridge.h"
 #include "codec_chain.h"
 #include "codec_properties.h"
-#include "codec_waylandsink.h"
 #include "pad_templates.h"
+#include "waylandsink.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -513,7 +513,7 @@ void finalize(GObject* object)
 
 void instance_init(GTypeInstance* instance, gpointer)
 {
-    activate_waylandsink(); // already done, unless this process has scanned the plug-in itself
+    prepare_waylandsink();
     auto* self = reinterpret_cast<VelEncoder*>(instance);
     self->state = new EncoderState(GST_BIN(self));
     GstPad* sink = self->state->chain.sink();

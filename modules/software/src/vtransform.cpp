@@ -7,6 +7,7 @@
 #include "video_properties.h"
 #include "vtransform_caps.h"
 #include "vtransform_geometry.h"
+#include "waylandsink.h"
 
 #include <gst/base/gstbasetransform.h>
 
@@ -304,6 +305,7 @@ void install_properties(GObjectClass* klass)
 
 void vel_transform_init(VelTransform* self)
 {
+    prepare_waylandsink();
     self->state = new TransformState;
 }
 

@@ -3,10 +3,14 @@
 // Of two plug-ins that offer one factory name the stock one wins whatever the path order, so the name cannot stand in
 // the registry's cache: a process that loads this plug-in gets the platform's element at that moment, in its own memory
 // only.
+//
+// Loading the stock plug-in puts its element under the name again, until the signal takes it back: a thread that makes
+// a sink just then would get the stock one. So it is loaded with the first codec or transform, which every pipeline
+// makes before its display, and not with the first display.
 #include "elements.h"
 
-#include "codec_waylandsink.h"
 #include "software_handles.h"
+#include "waylandsink.h"
 
 #include <gst/video/videooverlay.h>
 
@@ -382,19 +386,27 @@ void swap_sinks()
     register_platform_sink();
 }
 
-} // namespace
-
-void activate_waylandsink()
+void swap_sinks_once()
 {
     static std::once_flag once;
     std::call_once(once, swap_sinks);
+}
+
+} // namespace
+
+void prepare_waylandsink()
+{
+    swap_sinks_once(); // already done, unless this process has scanned the plug-in itself
+    static std::once_flag once;
+    std::call_once(once, load_stock_sink);
 }
 
 gboolean register_waylandsink(GstPlugin* plugin)
 {
     // A plug-in that the registry does not know yet is being scanned; what a scan registers would go into the cache.
     const PluginPtr cached(gst_registry_find_plugin(gst_registry_get(), gst_plugin_get_name(plugin)));
-    if (cached) activate_waylandsink();
+    // GStreamer loads one plug-in at a time: the stock one cannot be loaded from in here.
+    if (cached) swap_sinks_once();
     return TRUE;
 }
 
