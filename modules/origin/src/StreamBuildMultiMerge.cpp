@@ -156,6 +156,9 @@ public:
 
 private:
     void play();
+    bool is_stopped_at_its_start() const;
+    void wait_for_end();
+    void clear_away();
     SourcePtr watch_bus();
     SourcePtr watch_stops();
     void handle_error(GstMessage* message);
@@ -195,14 +198,26 @@ void Composition::run()
         if (!run_.is_stop_asked()) play();
     }
     run_.note_end();
-    take_down(std::move(pipeline_), kNullBound);
+    clear_away();
 }
 
 void Composition::play()
 {
+    gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
+    if (!is_stopped_at_its_start()) wait_for_end();
+}
+
+/// A start can take long, with a large model above all, and a stop that came meanwhile has waited for its time. No
+/// camera has sent anything before the start is through, so there is nothing to wait for.
+bool Composition::is_stopped_at_its_start() const
+{
+    return run_.is_stop_asked() && !recording_->has_begun;
+}
+
+void Composition::wait_for_end()
+{
     const SourcePtr messages = watch_bus();
     const SourcePtr slices = watch_stops();
-    gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
     g_main_loop_run(loop_.get());
     if (can_finish_recording()) {
         is_finishing_ = true;
@@ -211,6 +226,17 @@ void Composition::play()
     }
     g_source_destroy(messages.get());
     g_source_destroy(slices.get());
+}
+
+void Composition::clear_away()
+{
+    const std::string file = open_recording(pipeline_.get());
+    if (!take_down(share(pipeline_.get()), kNullBound)) {
+        const ElementPtr stuck = find_stuck_element(pipeline_.get());
+        VEL_LOG_WARN("Composition: %s does not come down; it is left behind.", describe(stuck.get()).c_str());
+    }
+    if (!recording_->has_begun) remove_recording(file);
+    pipeline_.reset();
 }
 
 SourcePtr Composition::watch_bus()

@@ -25,8 +25,8 @@ std::string get_4_cameras_launch_command(const Quorvis::VelStream::StreamPropert
 
 /**
  * Runs a composition and blocks until every camera has ended (and 5 s more), one fails, or stop_multi_merge() is
- * called. Parameters as above. A recording gets its index whatever ended the run. Sets the environment's
- * "WAYLAND_DISPLAY" and "XDG_RUNTIME_DIR".
+ * called. Parameters as above. A recording gets its index whatever ended the run, and one without a picture is removed.
+ * Sets the environment's "WAYLAND_DISPLAY" and "XDG_RUNTIME_DIR".
  * @return 0 after a run, also one that failed: the log has the cause; -1 when it was not launched: no inputs, a
  *         description that cannot be built, or a composition that is running already.
  */
@@ -35,8 +35,8 @@ int start_stream_multi_merge(Quorvis::VelStream::StreamProperty prop, bool use_t
 /**
  * Ends the composition, one that is just starting too: sends the end of stream to the cameras and, where no camera
  * answers, into the chains behind them. Waits until it has come through, at most 2.5 s; start_stream_multi_merge()
- * returns within a second of that. With nothing running it only logs. Callable from any thread, not from a signal
- * handler: it logs and takes locks.
+ * returns within a second of that, or of the pipeline's start, which loads the model. With nothing running it only
+ * logs. Callable from any thread, not from a signal handler: it logs and takes locks.
  */
 void stop_multi_merge();
 

@@ -4,6 +4,8 @@
 #include "Log.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 #include <vector>
 
 namespace Quorvis::VelStream {
@@ -229,6 +231,25 @@ void secure_recording(GstElement* pipeline)
     set_property(muxer.get(), "fragment-duration", kFragmentMs);
 }
 
+std::string open_recording(GstElement* pipeline)
+{
+    const ElementPtr muxer = child(pipeline, "mp4mux_0");
+    const ElementPtr sink = muxer ? element_behind(muxer.get()) : nullptr;
+    if (!sink || GST_STATE(sink.get()) < GST_STATE_READY) return "";
+    char* raw_location = nullptr;
+    g_object_get(sink.get(), "location", &raw_location, nullptr);
+    const TextPtr location(raw_location);
+    return location ? location.get() : "";
+}
+
+void remove_recording(const std::string& path)
+{
+    std::error_code failure;
+    if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(path, failure))) return;
+    if (std::filesystem::remove(path, failure))
+        VEL_LOG_INFO("Composition: no picture was recorded; %s is removed.", path.c_str());
+}
+
 void discard_recording(GstElement* pipeline)
 {
     const ElementPtr muxer = child(pipeline, "mp4mux_0");
@@ -265,6 +286,17 @@ void force_end_everywhere(GstElement* pipeline)
     for (const ElementPtr& element : elements) {
         if (!GST_OBJECT_FLAG_IS_SET(element.get(), GST_ELEMENT_FLAG_SINK)) end_input(element.get());
     }
+}
+
+/// A pipeline goes down state by state, from the sinks to the sources each time: the first one in the highest state.
+ElementPtr find_stuck_element(GstElement* pipeline)
+{
+    std::vector<ElementPtr> elements = collect(gst_bin_iterate_sorted(GST_BIN(pipeline)));
+    const auto highest = std::max_element(elements.begin(), elements.end(), [](const auto& one, const auto& other) {
+        return GST_STATE(one.get()) < GST_STATE(other.get());
+    });
+    if (highest == elements.end() || GST_STATE(highest->get()) == GST_STATE_NULL) return nullptr;
+    return std::move(*highest);
 }
 
 } // namespace Quorvis::VelStream

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 namespace Quorvis::VelStream {
 
@@ -25,6 +26,12 @@ void follow_recording(GstElement* pipeline, const std::shared_ptr<RecordingState
 /// the process, or a full disk, costs the last fragment and not the file. A pipeline without a muxer is passed over.
 void secure_recording(GstElement* pipeline);
 
+/// The file that a composition has opened to record into. Empty when it has opened none.
+std::string open_recording(GstElement* pipeline);
+
+/// Removes the file of a recording that got no picture: no player takes one. Only what is an ordinary file is removed.
+void remove_recording(const std::string& path);
+
 /// A description without a file's address takes the next option for the name of one: such a recording goes nowhere.
 void discard_recording(GstElement* pipeline);
 
@@ -38,5 +45,8 @@ void end_unfed_inputs(GstElement* pipeline);
 /// For an end that does not come through: gives it to the input of every element but the sinks, whose end would shut
 /// out what the muxer has yet to write.
 void force_end_everywhere(GstElement* pipeline);
+
+/// The element that keeps a pipeline from coming down; null when there is none any more.
+ElementPtr find_stuck_element(GstElement* pipeline);
 
 } // namespace Quorvis::VelStream

@@ -135,10 +135,9 @@ void RunScope::release_within(std::chrono::milliseconds bound)
     take_down(std::move(pipeline), bound);
 }
 
-void take_down(ElementPtr pipeline, std::chrono::milliseconds bound)
+bool take_down(ElementPtr pipeline, std::chrono::milliseconds bound)
 {
-    if (!pipeline) return;
-    set_null_elsewhere(pipeline.get()).wait_for(bound);
+    return !pipeline || set_null_elsewhere(pipeline.get()).wait_for(bound) == std::future_status::ready;
 }
 
 std::future<void> set_null_elsewhere(GstElement* pipeline)

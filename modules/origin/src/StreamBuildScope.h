@@ -63,8 +63,8 @@ private:
 std::future<void> set_null_elsewhere(GstElement* pipeline);
 
 /// Sets a pipeline to NULL and releases it; one that does not come down within the bound is left to a thread
-/// of its own. Null is passed over.
-void take_down(ElementPtr pipeline, std::chrono::milliseconds bound);
+/// of its own. Null is passed over. @return false when it was left.
+bool take_down(ElementPtr pipeline, std::chrono::milliseconds bound);
 
 /// Unlinks and removes every element of a pipeline, so that a further attempt can use the same names.
 void clear_pipeline(GstElement* pipeline);
