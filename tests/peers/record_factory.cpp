@@ -164,16 +164,54 @@ std::vector<ElementPtr> elements_of(GstRTSPMedia* media, const char* factory)
     return elements;
 }
 
+/// @return what a media's packets come from.
+std::vector<ElementPtr> sources_of(GstRTSPMedia* media)
+{
+    std::vector<ElementPtr> sources = elements_of(media, "appsrc");
+    for (ElementPtr& source : elements_of(media, "udpsrc"))
+        sources.push_back(std::move(source));
+    return sources;
+}
+
 /// Waits until the media has taken up what the client has sent. Its last request overtakes the last packets, over TCP
 /// in the queue that the media reads and over UDP in the socket; and the end that the server makes of a media skips
 /// what is still there.
 void wait_for_packets(GstRTSPMedia* media)
 {
     const auto deadline = std::chrono::steady_clock::now() + kPacketsBound;
-    for (const char* factory : {"appsrc", "udpsrc"}) {
-        for (const ElementPtr& source : elements_of(media, factory)) {
-            while (!is_read_out(source.get()) && std::chrono::steady_clock::now() < deadline)
-                std::this_thread::sleep_for(kLook);
+    for (const ElementPtr& source : sources_of(media)) {
+        while (!is_read_out(source.get()) && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(kLook);
+    }
+}
+
+bool has_sent(GstPad* pad, GstEventType event)
+{
+    return EventPtr(gst_pad_get_sticky_event(pad, event, 0)) != nullptr;
+}
+
+/// Sends the end of stream in place of a source that cannot any more. To end a media the server sets it to PLAYING;
+/// when the client has only just paused it, a source's thread that is slow to look sees itself woken and running, and
+/// pauses for good. Nobody takes the end that the source is given then.
+void deliver_lost_end(GstPad* source)
+{
+    if (!GST_PAD_STREAM_TRYLOCK(source)) return; // its thread works, or waits for data
+    if (gst_pad_get_task_state(source) == GST_TASK_PAUSED && !has_sent(source, GST_EVENT_EOS))
+        gst_pad_push_event(source, gst_event_new_eos());
+    GST_PAD_STREAM_UNLOCK(source);
+}
+
+/// Waits until the sources of a media that is being ended, packets and reports alike, have sent their ends. One that
+/// has never had a packet keeps its end to itself, and the media ends without it.
+void wait_for_ends(const std::vector<ElementPtr>& sources)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kPacketsBound;
+    for (const ElementPtr& source : sources) {
+        const PadPtr pad(gst_element_get_static_pad(source.get(), "src"));
+        while (has_sent(pad.get(), GST_EVENT_SEGMENT) && !has_sent(pad.get(), GST_EVENT_EOS) &&
+               std::chrono::steady_clock::now() < deadline) {
+            deliver_lost_end(pad.get());
+            std::this_thread::sleep_for(kLook);
         }
     }
 }
@@ -190,7 +228,9 @@ G_DEFINE_TYPE(RecordMedia, record_media, GST_TYPE_RTSP_MEDIA)
 
 gboolean end_file(GstRTSPMedia* media)
 {
+    const std::vector<ElementPtr> sources = sources_of(media); // the end takes them out of the media
     const gboolean result = GST_RTSP_MEDIA_CLASS(record_media_parent_class)->unprepare(media);
+    wait_for_ends(sources);
     const Recording* recording = recording_of(media);
     const auto deadline = std::chrono::steady_clock::now() + kFileBound;
     while (recording->frames > 0 && !recording->is_written && std::chrono::steady_clock::now() < deadline)

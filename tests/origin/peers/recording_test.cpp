@@ -108,7 +108,7 @@ TEST(StopOfCameraPush, EndsTheRecordersStreamWithItsLastFrameFiftyTimes)
     std::size_t teardowns = 0;
     while (recorded.size() < pushed.size()) {
         const std::optional<std::string> line = recorder.read_line();
-        ASSERT_TRUE(line) << recorded.size() << " streams have ended";
+        ASSERT_TRUE(line) << recorded.size() << " streams have ended, of " << teardowns << " that were torn down";
         ASSERT_NE(line->rfind("lost", 0), 0U) << *line;
         if (*line == "teardown") ++teardowns;
         if (line->rfind("eos frames=", 0) == 0) recorded.push_back(std::atol(line->c_str() + 11));
