@@ -13,7 +13,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <mutex>
 #include <optional>
 
 namespace Quorvis::VelStream {
@@ -197,25 +196,16 @@ void handle_sigint(int)
 /// Makes a loop the process's last recording for the life of the object.
 class LoopNote {
 public:
-    explicit LoopNote(GMainLoop* loop) : loop_(loop)
-    {
-        const std::lock_guard lock(mutex());
-        g_loop = loop_;
-    }
+    explicit LoopNote(GMainLoop* loop) : loop_(loop) { std::atomic_ref(g_loop).store(loop_); }
     ~LoopNote()
     {
-        const std::lock_guard lock(mutex());
-        if (g_loop == loop_) g_loop = nullptr;
+        GMainLoop* noted = loop_;
+        std::atomic_ref(g_loop).compare_exchange_strong(noted, nullptr); // a later recording's stays
     }
     LoopNote(const LoopNote&) = delete;
     LoopNote& operator=(const LoopNote&) = delete;
 
 private:
-    static std::mutex& mutex()
-    {
-        static auto* mutex = new std::mutex; // a recording may still end while the process leaves main()
-        return *mutex;
-    }
     GMainLoop* loop_;
 };
 

@@ -9,7 +9,8 @@ namespace Quorvis::VelStream {
 
 struct StreamProperty;
 
-/// Main loop of the last recording that was started; null once that has ended.
+/// Main loop of the last recording that was started; null once that has ended. Recordings write it, each on its
+/// caller's thread, by std::atomic_ref, and so must be read what may change meanwhile.
 extern GMainLoop* g_loop;
 
 /**

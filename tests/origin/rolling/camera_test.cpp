@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 
@@ -296,7 +297,7 @@ TEST_F(RecordedCamera, EndsWithoutTheOtherOneByItsId)
     EXPECT_TRUE(wait_for_segments("b", 1));
     EXPECT_TRUE(stop_ends_call(a, "a"));
     EXPECT_FALSE(b.has_ended());
-    EXPECT_NE(g_loop, nullptr);
+    EXPECT_NE(std::atomic_ref(g_loop).load(), nullptr);
     EXPECT_TRUE(wait_for_segments("b", 2));
     std::raise(SIGINT);
     EXPECT_TRUE(b.wait_for_end());
