@@ -34,9 +34,14 @@ bool begins_as_mp4(const unsigned char* type)
     return std::any_of(kFirst.begin(), kFirst.end(), [&](const char* first) { return text == first; });
 }
 
-/// @return the size of the box that begins at `at`; none where no box begins, and where the last one has no end of its
-///         own.
-std::optional<std::uint64_t> box_size(std::ifstream& file, std::uint64_t at)
+struct Box {
+    std::uint64_t at;
+    std::uint64_t size;
+    std::string type;
+};
+
+/// @return the box that begins at `at`; none where no box begins, and where the last one has no end of its own.
+std::optional<Box> read_box(std::ifstream& file, std::uint64_t at)
 {
     std::array<unsigned char, kLongHeader> header{};
     file.clear();
@@ -49,27 +54,49 @@ std::optional<std::uint64_t> box_size(std::ifstream& file, std::uint64_t at)
     const bool is_long = size == 1;
     if (is_long && read < kLongHeader) return std::nullopt;
     if (is_long) size = read_big_endian(header.data() + 8, 8);
-    return size < (is_long ? kLongHeader : kShortHeader) ? std::nullopt : std::optional(size);
+    if (size < (is_long ? kLongHeader : kShortHeader)) return std::nullopt;
+    return Box{at, size, std::string(type, type + 4)};
+}
+
+struct BrokenBox {
+    Box box;
+    std::uint64_t missing;
+};
+
+/// The last outermost box, when the file ends within it.
+std::optional<BrokenBox> find_broken_box(const std::string& path)
+{
+    std::error_code ignored;
+    if (!std::filesystem::is_regular_file(path, ignored)) return std::nullopt;
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    const std::streamoff length = file ? std::streamoff(file.tellg()) : -1;
+    if (length <= 0) return std::nullopt;
+    const auto end = static_cast<std::uint64_t>(length);
+    std::uint64_t at = 0;
+    for (int count = 0; at < end && count < kMostBoxes; ++count) {
+        const std::optional<Box> box = read_box(file, at);
+        if (!box) return std::nullopt;
+        if (box->size > end - at) return BrokenBox{*box, box->size - (end - at)};
+        at += box->size;
+    }
+    return std::nullopt;
 }
 
 } // namespace
 
 std::uint64_t missing_mp4_bytes(const std::string& path)
 {
-    std::error_code ignored;
-    if (!std::filesystem::is_regular_file(path, ignored)) return 0;
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
-    const std::streamoff length = file ? std::streamoff(file.tellg()) : -1;
-    if (length <= 0) return 0;
-    const auto end = static_cast<std::uint64_t>(length);
-    std::uint64_t at = 0;
-    for (int count = 0; at < end && count < kMostBoxes; ++count) {
-        const std::optional<std::uint64_t> size = box_size(file, at);
-        if (!size) return 0;
-        if (*size > end - at) return *size - (end - at);
-        at += *size;
-    }
-    return 0;
+    const std::optional<BrokenBox> broken = find_broken_box(path);
+    return broken ? broken->missing : 0;
+}
+
+bool cut_broken_mp4_end(const std::string& path)
+{
+    const std::optional<BrokenBox> broken = find_broken_box(path);
+    if (!broken || (broken->box.type != "moof" && broken->box.type != "mfra")) return false;
+    std::error_code failure;
+    std::filesystem::resize_file(path, broken->box.at, failure);
+    return !failure;
 }
 
 } // namespace Quorvis::VelStream

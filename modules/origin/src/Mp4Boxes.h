@@ -10,4 +10,9 @@ namespace Quorvis::VelStream {
 /// 0 for a whole file, and for what cannot be read or is no MP4 file.
 std::uint64_t missing_mp4_bytes(const std::string& path);
 
+/// Cuts a fragment's head or the index of fragments off the end of the file at `path` when it is not whole there, as
+/// when the disk is full: a player may refuse all of the file for it. Media data that is broken off is left, it plays.
+/// @return true when something was cut off.
+bool cut_broken_mp4_end(const std::string& path);
+
 } // namespace Quorvis::VelStream

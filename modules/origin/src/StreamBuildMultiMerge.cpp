@@ -2,6 +2,7 @@
 
 #include "LaunchDescription.h"
 #include "Log.h"
+#include "Mp4Boxes.h"
 #include "ProcessEnvironment.h"
 #include "RtspPush.h"
 #include "StreamBuildMessages.h"
@@ -231,11 +232,15 @@ void Composition::wait_for_end()
 void Composition::clear_away()
 {
     const std::string file = open_recording(pipeline_.get());
-    if (!take_down(share(pipeline_.get()), kNullBound)) {
+    const bool is_down = take_down(share(pipeline_.get()), kNullBound);
+    if (!is_down) {
         const ElementPtr stuck = find_stuck_element(pipeline_.get());
         VEL_LOG_WARN("Composition: %s does not come down; it is left behind.", describe(stuck.get()).c_str());
     }
-    if (!recording_->has_begun) remove_recording(file);
+    if (!recording_->has_begun)
+        remove_recording(file);
+    else if (is_down && has_sink_failed_)
+        cut_broken_mp4_end(file);
     pipeline_.reset();
 }
 

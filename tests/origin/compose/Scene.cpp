@@ -155,6 +155,23 @@ bool wait_for_fragments(const std::string& path, std::size_t count, EngineCall& 
     return wait_for_fragments(path, count, [&call](auto pause) { return call.wait_for_end(pause); });
 }
 
+std::size_t wait_for_whole_fragments(const std::string& path, std::size_t count, EngineCall& call)
+{
+    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    while (Clock::now() < deadline) {
+        const std::string bytes = read_bytes(path);
+        std::size_t fragments = 0;
+        std::size_t at = 0;
+        while (at + 8 <= bytes.size() && number_at(bytes, at) >= 8) {
+            if (bytes.compare(at + 4, 4, "mdat") == 0) ++fragments;
+            at += number_at(bytes, at);
+        }
+        if (fragments >= count && at == bytes.size()) return at;
+        if (call.wait_for_end(std::chrono::milliseconds(20))) return 0; // and a pause between two looks
+    }
+    return 0;
+}
+
 FileFacts probe_file(const std::string& path)
 {
     const CommandResult probe = run_command(

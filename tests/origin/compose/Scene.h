@@ -83,6 +83,10 @@ bool wait_for_fragments(const std::string& path, std::size_t count,
                         const std::function<bool(std::chrono::milliseconds)>& has_ended);
 bool wait_for_fragments(const std::string& path, std::size_t count, EngineCall& call);
 
+/// Waits until a file of scenario 5 consists of whole fragments, at least this many, and the next one has yet to come.
+/// @return the size of such a file; 0 when what writes it ends before.
+std::size_t wait_for_whole_fragments(const std::string& path, std::size_t count, EngineCall& call);
+
 /// What ffprobe says of a file.
 struct FileFacts {
     std::string codec;

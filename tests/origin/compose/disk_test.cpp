@@ -5,8 +5,10 @@
 
 #include <json/json.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -93,6 +95,26 @@ private:
     std::string disk() const { return folder_.file("disk"); }
 };
 
+/// Files of this process that grow beyond the limit fail to be written, up to the limit to the byte.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit{bytes, before_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit before_{};
+};
+
+using FullDiskAmidAHead = CutShort;
+
 } // namespace
 
 TEST_P(KilledProcess, LeavesAFileThatIsPlayableUpToItsLastFragment)
@@ -131,3 +153,23 @@ TEST_P(FullDisk, EndsTheRunWithItsCauseAndLeavesAPlayableFile)
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, FullDisk,
                          ::testing::Values(SCENARIO_FILE, SCENARIO_COMPOSE_ONLY, SCENARIO_FILE_AND_RTSP));
+
+// Players refuse a whole file for the head of a fragment that is broken off, where a full disk may well leave it. Where
+// the next head comes is known of the scenario that writes it before its fragment's pictures.
+TEST_P(FullDiskAmidAHead, LeavesAPlayableFile)
+{
+    start_cameras("h264");
+    VelStreamEngine engine(static_cast<ScenarioType>(GetParam()));
+    add_cameras(engine, "h264");
+    add_output(engine, output_task("File", file_));
+    EngineCall call(engine);
+    const std::size_t size = wait_for_whole_fragments(file_, 2, call);
+    ASSERT_NE(size, 0U);
+    const FileSizeLimit limit(size + 100);
+    ASSERT_TRUE(call.wait_for_end());
+    EXPECT_EQ(call.result(), 0);
+    EXPECT_TRUE(logs("E Composition: filesink", file_));
+    expect_playable_up_to_the_last_fragment();
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, FullDiskAmidAHead, ::testing::Values(SCENARIO_COMPOSE_ONLY));
