@@ -98,9 +98,12 @@ int number_in_picture(const std::string& path)
 std::vector<int> numbers_on(peers::BareScreen& screen, const StreamCall& call)
 {
     std::vector<int> shown;
-    const auto end = std::chrono::steady_clock::now() + kPatience / 4;
-    // A new window is faded in, so the first pictures may have no number to be read.
-    while (shown.size() < 3 && !call.has_ended() && std::chrono::steady_clock::now() < end) {
+    const auto start = std::chrono::steady_clock::now();
+    // A new window is faded in, so the first pictures may have no number to be read. A window that was refused never
+    // has one; one that is there is worth waiting for, since a busy machine takes seconds for each picture of the
+    // screen.
+    const auto end = [&] { return start + (shown.empty() ? kPatience / 4 : kPatience); };
+    while (shown.size() < 3 && !call.has_ended() && std::chrono::steady_clock::now() < end()) {
         const int number = number_in_picture(screen.take_picture());
         if (number >= 0 && (shown.empty() || shown.back() != number)) shown.push_back(number);
     }
