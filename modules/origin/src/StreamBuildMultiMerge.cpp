@@ -229,14 +229,21 @@ void Composition::wait_for_end()
     g_source_destroy(slices.get());
 }
 
+/// Names what keeps a pipeline from coming down, and says when it has come down after all.
+void note_left_behind(GstElement* pipeline)
+{
+    const ElementPtr stuck = find_stuck_element(pipeline);
+    VEL_LOG_WARN("Composition: %s does not come down; it is left behind.", describe(stuck.get()).c_str());
+    g_object_weak_ref(
+        G_OBJECT(pipeline),
+        [](gpointer, GObject*) { VEL_LOG_INFO("Composition: what was left behind has come down."); }, nullptr);
+}
+
 void Composition::clear_away()
 {
     const std::string file = open_recording(pipeline_.get());
     const bool is_down = take_down(share(pipeline_.get()), kNullBound);
-    if (!is_down) {
-        const ElementPtr stuck = find_stuck_element(pipeline_.get());
-        VEL_LOG_WARN("Composition: %s does not come down; it is left behind.", describe(stuck.get()).c_str());
-    }
+    if (!is_down) note_left_behind(pipeline_.get());
     if (!recording_->has_begun)
         remove_recording(file);
     else if (is_down && has_sink_failed_)

@@ -31,8 +31,12 @@ void Scenario::SetUp()
     g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK));
 }
 
+/// A slow machine may leave a pipeline behind: its threads are not to end with the process.
 void Scenario::TearDown()
 {
+    if (logs("W Composition: ", " does not come down; it is left behind.")) {
+        EXPECT_TRUE(wait_for_log("I Composition: what was left behind has come down."));
+    }
     if (!HasFailure()) return;
     for (const std::string& line : all_log_lines())
         std::fprintf(stderr, "%s\n", line.c_str());

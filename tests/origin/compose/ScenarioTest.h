@@ -10,7 +10,7 @@ namespace velstream::testing {
 class Scenario : public ::testing::Test {
 protected:
     void SetUp() override;
-    void TearDown() override; ///< what a failed test has logged
+    void TearDown() override; ///< shows what a failed test has logged
 
     void start_cameras(const std::string& codec);
     void add_cameras(Quorvis::VelStream::VelStreamEngine& engine, const std::string& codec, std::size_t count = 4);

@@ -13,6 +13,7 @@ using namespace velstream::testing;
 
 namespace {
 
+const char kIsDown[] = "I Composition: what was left behind has come down.";
 const char kSomebody[] = "rtsp://127.0.0.1:1/silent";
 
 /// The push takes so many buffers and then nothing, not even its end.
@@ -62,6 +63,7 @@ TEST_P(StuckPush, IsLeftBehindAndTheFileIsPlayable)
     Gate::open();
     EXPECT_TRUE(
         logs("W Composition: stuckpush", std::string("(") + kSomebody + ") does not come down; it is left behind."));
+    EXPECT_TRUE(wait_for_log(kIsDown));
     expect_overlays(picture_of(file_, 1280, 720), 1280);
 }
 
@@ -84,6 +86,7 @@ TEST_F(StuckCamera, IsLeftBehind)
     Gate::open();
     EXPECT_TRUE(
         logs("W Composition: stuckcamera", std::string("(") + kSomebody + ") does not come down; it is left behind."));
+    EXPECT_TRUE(wait_for_log(kIsDown));
     EXPECT_FALSE(std::filesystem::exists(file_)); // there is no picture in it
 }
 
