@@ -83,7 +83,7 @@ std::string Scenario::logo() const
     return path;
 }
 
-void Scenario::stop_within_bounds(VelStreamEngine& engine, EngineCall& call)
+std::chrono::milliseconds Scenario::stop_within_bounds(VelStreamEngine& engine, EngineCall& call)
 {
     const auto begin = Clock::now();
     EXPECT_EQ(engine.stop(), 0);
@@ -93,6 +93,7 @@ void Scenario::stop_within_bounds(VelStreamEngine& engine, EngineCall& call)
     RecordProperty("stop_ms", stop_ms);
     RecordProperty("end_ms", milliseconds_since(begin));
     EXPECT_EQ(call.result(), 0);
+    return std::chrono::milliseconds(stop_ms);
 }
 
 bool Scenario::logs(const std::string& beginning, const std::string& part)
@@ -101,6 +102,19 @@ bool Scenario::logs(const std::string& beginning, const std::string& part)
     return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
         return line.find(beginning) == 0 && line.find(part) != std::string::npos;
     });
+}
+
+void Scenario::wait_for_box(EngineCall& call) const
+{
+    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    std::size_t looked_at = 0;
+    while (Clock::now() < deadline && !call.wait_for_end(std::chrono::milliseconds(50))) {
+        const std::size_t fragments = count_fragments(file_);
+        if (fragments == looked_at) continue;
+        looked_at = fragments;
+        const Picture picture = picture_of(file_, 1280, 720);
+        if (picture.is_there() && picture.count_near(1030, 498, 20, 116, {255, 40, 40}) > 80) return;
+    }
 }
 
 void Scenario::expect_overlays(const Picture& picture, int width)

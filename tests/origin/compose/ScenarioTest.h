@@ -19,11 +19,15 @@ protected:
     Task model_task() const;
     std::string logo() const;
 
-    /// Stops, and holds the stop and the call to their bounds.
-    static void stop_within_bounds(Quorvis::VelStream::VelStreamEngine& engine, EngineCall& call);
+    /// Stops, and holds the stop and the call to their bounds. @return how long the stop has taken.
+    static std::chrono::milliseconds stop_within_bounds(Quorvis::VelStream::VelStreamEngine& engine, EngineCall& call);
 
     /// A line with this beginning and this within.
     static bool logs(const std::string& beginning, const std::string& part);
+
+    /// Waits until the file, which is being written, shows the box: the first one of a busy machine comes late. When it
+    /// does not come, a later look at the file says so.
+    void wait_for_box(EngineCall& call) const;
 
     /// Cameras, logo, text and the box around the square, on a canvas of 1280x720 scaled to this width.
     static void expect_overlays(const Picture& picture, int width);

@@ -58,6 +58,7 @@ TEST_P(StuckPush, IsLeftBehindAndTheFileIsPlayable)
     EngineCall call(engine);
     ASSERT_TRUE(Gate::wait_until_held());
     ASSERT_TRUE(wait_for_fragments(file_, 2, call));
+    wait_for_box(call);
     EXPECT_EQ(engine.stop(), 0);
     EXPECT_TRUE(call.wait_for_end()); // with the push as stuck as before
     Gate::open();
@@ -123,6 +124,7 @@ TEST_F(SlowModel, IsFollowedByARunLikeAnyOther)
     ASSERT_TRUE(Gate::wait_until_held());
     Gate::open();
     ASSERT_TRUE(wait_for_fragments(file_, 2, call));
+    wait_for_box(call);
     stop_within_bounds(engine, call);
     expect_overlays(picture_of(file_, 1280, 720), 1280);
 }

@@ -202,6 +202,7 @@ TEST_F(FaultyPush, ThatFallsSilentHoldsUpNeitherTheFileNorAStop)
     EngineCall call(engine_);
     ASSERT_TRUE(server.read_until("record"));
     ASSERT_TRUE(wait_for_fragments(file_, 2, call));
+    wait_for_box(call);
     server.pause();
     const std::size_t before = count_fragments(file_);
     EXPECT_TRUE(wait_for_fragments(file_, before + 2, call));
@@ -218,6 +219,7 @@ TEST_F(FaultyPush, WhoseServerIsKilledIsNamedAndTheFileIsPlayable)
     EngineCall call(engine_);
     ASSERT_TRUE(server.read_until("record"));
     ASSERT_TRUE(wait_for_fragments(file_, 2, call));
+    wait_for_box(call);
     server.kill_now();
     ASSERT_TRUE(call.wait_for_end());
     EXPECT_EQ(call.result(), 0);
