@@ -119,6 +119,15 @@ bool wait_until_started(GstElement* source)
     return false;
 }
 
+/// Between two frames: a source's thread that always has the next one takes up the lock of the pad behind it again
+/// before anybody who waits for that lock, and the event would wait for as long as it goes on.
+GstPadProbeReturn end_pad(GstPad* pad, GstPadProbeInfo*, gpointer)
+{
+    const PadPtr peer(gst_pad_get_peer(pad));
+    if (peer) gst_pad_send_event(peer.get(), gst_event_new_eos());
+    return GST_PAD_PROBE_REMOVE;
+}
+
 /// A source that is one element takes the event itself: its loop sends it behind the last data. A source that is a bin
 /// (an RTSP client) would hand it to elements that it releases at the same moment when it goes to NULL; there the event
 /// enters the pipeline behind the source's pads. An application's source has a queue of its own, which the plain event
@@ -133,10 +142,8 @@ void end_source(GstElement* source)
         if (wait_until_started(source)) GST_ELEMENT_GET_CLASS(source)->send_event(source, gst_event_new_eos());
         return;
     }
-    for (const PadPtr& pad : source_pads_of(source)) {
-        const PadPtr peer(gst_pad_get_peer(pad.get()));
-        if (peer) gst_pad_send_event(peer.get(), gst_event_new_eos());
-    }
+    for (const PadPtr& pad : source_pads_of(source))
+        gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_IDLE, end_pad, nullptr, nullptr);
 }
 
 /// @return true for the first caller only. Two ends of stream at once make a source's loop fail an assertion of its
