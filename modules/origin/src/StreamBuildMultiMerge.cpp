@@ -242,11 +242,10 @@ void note_left_behind(GstElement* pipeline)
 void Composition::clear_away()
 {
     const std::string file = open_recording(pipeline_.get());
-    const bool is_down = take_down(share(pipeline_.get()), kNullBound);
-    if (!is_down) note_left_behind(pipeline_.get());
+    if (!take_down(share(pipeline_.get()), kNullBound)) note_left_behind(pipeline_.get());
     if (!recording_->has_begun)
         remove_recording(file);
-    else if (is_down && has_sink_failed_)
+    else if (has_sink_failed_ && is_recording_closed(pipeline_.get()))
         cut_broken_mp4_end(file);
     pipeline_.reset();
 }

@@ -66,6 +66,12 @@ ElementPtr element_behind(GstElement* element)
     return ElementPtr(peer ? gst_pad_get_parent_element(peer.get()) : nullptr);
 }
 
+ElementPtr recording_sink(GstElement* pipeline)
+{
+    const ElementPtr muxer = child(pipeline, "mp4mux_0");
+    return muxer ? element_behind(muxer.get()) : nullptr;
+}
+
 // ---- Probes ----
 
 bool is_end(const GstPadProbeInfo* info)
@@ -231,10 +237,15 @@ void secure_recording(GstElement* pipeline)
     set_property(muxer.get(), "fragment-duration", kFragmentMs);
 }
 
+bool is_recording_closed(GstElement* pipeline)
+{
+    const ElementPtr sink = recording_sink(pipeline);
+    return !sink || GST_STATE(sink.get()) <= GST_STATE_READY;
+}
+
 std::string open_recording(GstElement* pipeline)
 {
-    const ElementPtr muxer = child(pipeline, "mp4mux_0");
-    const ElementPtr sink = muxer ? element_behind(muxer.get()) : nullptr;
+    const ElementPtr sink = recording_sink(pipeline);
     if (!sink || GST_STATE(sink.get()) < GST_STATE_READY) return "";
     char* raw_location = nullptr;
     g_object_get(sink.get(), "location", &raw_location, nullptr);
@@ -252,8 +263,7 @@ void remove_recording(const std::string& path)
 
 void discard_recording(GstElement* pipeline)
 {
-    const ElementPtr muxer = child(pipeline, "mp4mux_0");
-    const ElementPtr sink = muxer ? element_behind(muxer.get()) : nullptr;
+    const ElementPtr sink = recording_sink(pipeline);
     if (!sink) return;
     VEL_LOG_WARN("The composition is not recorded: no output of the type File has an address.");
     set_property(sink.get(), "location", std::string("/dev/null"));

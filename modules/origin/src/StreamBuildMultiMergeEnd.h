@@ -29,6 +29,9 @@ void secure_recording(GstElement* pipeline);
 /// The file that a composition has opened to record into. Empty when it has opened none.
 std::string open_recording(GstElement* pipeline);
 
+/// True when nothing is written to the recording any more, while other elements may be up still.
+bool is_recording_closed(GstElement* pipeline);
+
 /// Removes the file of a recording that got no picture: no player takes one. Only what is an ordinary file is removed.
 void remove_recording(const std::string& path);
 

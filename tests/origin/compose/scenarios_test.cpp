@@ -24,6 +24,13 @@ void run_on(EngineCall& call)
 /// A branch with a queue that leaks loses the frames that its encoder has no time for: those of a busy machine.
 enum class Branch { keeps_frames, leaks_frames };
 
+/// What is pushed cannot be looked at before its end: for so long, within which the first detection comes.
+#ifdef __SANITIZE_THREAD__
+constexpr std::chrono::seconds kPushTime{15};
+#else
+constexpr std::chrono::seconds kPushTime{4};
+#endif
+
 /// Size and codec; what was shown in the time that was to be recorded, at the cameras' rate. A run without a length is
 /// a short one, on a machine with other tests: it tells that there are frames, never more than the cameras'.
 void expect_video(const FileFacts& facts, const std::string& codec, int width, Branch branch)
@@ -209,7 +216,7 @@ TEST_P(OverlayScenario, Pushes)
     add_model(engine);
     EngineCall call(engine);
     ASSERT_TRUE(server.read_until("record"));
-    EXPECT_FALSE(call.wait_for_end(std::chrono::seconds(4))); // what is recorded
+    EXPECT_FALSE(call.wait_for_end(kPushTime)); // what is recorded
     run_on(call);
     stop_within_bounds(engine, call);
     EXPECT_TRUE(server.read_until("eos frames="));
