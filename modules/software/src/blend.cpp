@@ -8,6 +8,7 @@ namespace velstream::software {
 namespace {
 
 constexpr int kChromaZero = 128;
+constexpr uint8_t kClearPixel[4] = {};
 
 int half(int pixels)
 {
@@ -24,6 +25,19 @@ uint8_t* row_of(const Picture& picture, int plane, int y)
 inline int divide_by_255(int x)
 {
     return (x * 257 + 32768) >> 16;
+}
+
+/// Most of an overlay is clear or opaque.
+inline void premultiply_pixel(const uint8_t* from, uint8_t* to)
+{
+    const int alpha = from[3];
+    if (alpha == 0 || alpha == 255) {
+        std::memcpy(to, alpha == 0 ? kClearPixel : from, 4);
+        return;
+    }
+    for (int i = 0; i < 3; ++i)
+        to[i] = static_cast<uint8_t>(divide_by_255(from[i] * alpha));
+    to[3] = static_cast<uint8_t>(alpha);
 }
 
 /// dst = over + (dst - zero) * clear / 255. Neighbouring samples may have zeros of their own (YUY2).
@@ -75,7 +89,13 @@ Picture PictureMemory::get(GstVideoFormat format, int width, int height)
 
 void premultiply(const Picture& in, const Picture& out)
 {
-    libyuv::ARGBAttenuate(in.data[0], in.stride[0], out.data[0], out.stride[0], in.width, in.height);
+    // libyuv's takes one from an opaque colour on AArch64.
+    for (int y = 0; y < in.height; ++y) {
+        const uint8_t* from = row_of(in, 0, y);
+        uint8_t* to = row_of(out, 0, y);
+        for (int x = 0; x < in.width; ++x)
+            premultiply_pixel(from + 4 * x, to + 4 * x);
+    }
 }
 
 void fade(const Picture& picture, double alpha)

@@ -1,5 +1,7 @@
 #include "overlay_items.h"
 
+#include "blend.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -146,7 +148,8 @@ SurfacePtr surface_of_pixels(const std::string& rgba, int width, int height)
     auto* pixels = cairo_image_surface_get_data(surface.get());
     const int stride = cairo_image_surface_get_stride(surface.get());
     libyuv::ABGRToARGB(reinterpret_cast<const uint8_t*>(rgba.data()), 4 * width, pixels, stride, width, height);
-    libyuv::ARGBAttenuate(pixels, stride, pixels, stride, width, height);
+    const Picture picture{GST_VIDEO_FORMAT_BGRA, width, height, {pixels}, {stride}};
+    premultiply(picture, picture);
     cairo_surface_mark_dirty(surface.get());
     return surface;
 }
