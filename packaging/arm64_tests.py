@@ -22,8 +22,10 @@ SAMPLES = re.compile("|".join([
     r"ub2404\.(ReencodedFile\.HoldsEveryFrame|ReencodedPush\.ReachesTheServerWhole)",
     r"SpliceFrames\.(ComeOnce|Reordered|RowsMayBePadded)",
     r"ub2404\.RecordedCamera\.OfH264Leaves",
-    r"ub2404\.(Compos|Merge|MultiMerge|Engine|Split|Audio)[A-Za-z]*\.[A-Za-z]*(Frames|Canvas|File|Arrive)",
-    r"tool\.Tool\.RunOfAFile",
+    r"ub2404\.(SplitCamera\.BothCallbacks|SoundRelay\.FileReaches)",
+    r"origin\.(CompositionDescription|EngineTasks)\.",
+    r"/(PlainScenario\.RecordsTheCanvas|OverlayScenario\.RecordsWithLogoTextAndDetection)/\"h264\"",
+    r"tool\.(Tool\.RunCountsEveryFrame|SpliceTool\.CountsEveryFrame)",
 ]))
 
 
