@@ -1,4 +1,6 @@
 #include "codec_bridge.h"
+
+#include "deferred_frame.h"
 #include "pad_templates.h"
 
 #include <gst/video/gstvideofilter.h>
@@ -17,6 +19,7 @@ struct VelCodecBridge {
     GstCaps* src_formats;  ///< owned; likewise
     LayoutCopy copy;       ///< null: `converter` does the work. Written in set_info, read by the streaming thread
     GstVideoConverter* converter; ///< owned; for the layouts that have no copy of their own
+    gboolean may_defer;           ///< downstream brings no memory of its own. Written and read by the streaming thread
 };
 
 struct VelCodecBridgeClass {
@@ -153,6 +156,32 @@ gboolean set_info(GstVideoFilter* filter, GstCaps*, GstVideoInfo* in, GstCaps*, 
     return bridge->converter != nullptr;
 }
 
+gboolean decide_allocation(GstBaseTransform* transform, GstQuery* query)
+{
+    bridge_of(transform)->may_defer = gst_query_get_n_allocation_pools(query) == 0;
+    return GST_BASE_TRANSFORM_CLASS(vel_codec_bridge_parent_class)->decide_allocation(transform, query);
+}
+
+/// What a decoder has made stays where it is until somebody reads it as NV12.
+GstFlowReturn prepare_output_buffer(GstBaseTransform* transform, GstBuffer* input, GstBuffer** output)
+{
+    const VelCodecBridge* bridge = bridge_of(transform);
+    GstBaseTransformClass* parent = GST_BASE_TRANSFORM_CLASS(vel_codec_bridge_parent_class);
+    if (!bridge->may_defer || bridge->copy != i420_to_nv12 || gst_base_transform_is_passthrough(transform))
+        return parent->prepare_output_buffer(transform, input, output);
+    const GstVideoFilter* filter = &bridge->parent;
+    BufferPtr frame = make_deferred_frame(input, filter->in_info, filter->out_info);
+    parent->copy_metadata(transform, input, frame.get());
+    *output = frame.release();
+    return GST_FLOW_OK;
+}
+
+GstFlowReturn convert(GstBaseTransform* transform, GstBuffer* input, GstBuffer* output)
+{
+    if (is_deferred_frame(output)) return GST_FLOW_OK;
+    return GST_BASE_TRANSFORM_CLASS(vel_codec_bridge_parent_class)->transform(transform, input, output);
+}
+
 GstFlowReturn transform_frame(GstVideoFilter* filter, GstVideoFrame* in, GstVideoFrame* out)
 {
     const VelCodecBridge* bridge = bridge_of(filter);
@@ -186,6 +215,9 @@ void vel_codec_bridge_class_init(VelCodecBridgeClass* klass)
     G_OBJECT_CLASS(klass)->finalize = finalize;
     GST_BASE_TRANSFORM_CLASS(klass)->transform_caps = transform_caps;
     GST_BASE_TRANSFORM_CLASS(klass)->fixate_caps = fixate_caps;
+    GST_BASE_TRANSFORM_CLASS(klass)->decide_allocation = decide_allocation;
+    GST_BASE_TRANSFORM_CLASS(klass)->prepare_output_buffer = prepare_output_buffer;
+    GST_BASE_TRANSFORM_CLASS(klass)->transform = convert;
     GST_VIDEO_FILTER_CLASS(klass)->set_info = set_info;
     GST_VIDEO_FILTER_CLASS(klass)->transform_frame = transform_frame;
 }

@@ -1,5 +1,6 @@
 #include "frame_convert.h"
 
+#include "deferred_frame.h"
 #include "frame_layout.h"
 #include "software_handles.h"
 
@@ -69,7 +70,9 @@ bool convert_frame(FrameTransformer& transformer, const GstVideoInfo& in_info, G
                    const GstVideoInfo& out_info, GstBuffer* output)
 {
     settle_output_layout(output, out_info);
-    const MappedFrame in(input_layout(input, in_info), input, GST_MAP_READ);
+    const std::optional<DeferredPlanes> planes = planes_of(input);
+    const MappedFrame in(planes ? planes->info : input_layout(input, in_info), planes ? planes->buffer.get() : input,
+                         GST_MAP_READ);
     const MappedFrame out(out_info, output, GST_MAP_WRITE);
     if (!in || !out) return false;
     transformer.run(picture_of(in.get()), picture_of(out.get()));
