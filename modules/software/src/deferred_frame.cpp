@@ -98,8 +98,11 @@ void vel_deferred_allocator_init(VelDeferredAllocator* self)
 /// Lives as long as the process: its frames may outlive every element.
 GstAllocator* deferred_allocator()
 {
-    static GstAllocator* const allocator =
-        GST_ALLOCATOR(gst_object_ref_sink(g_object_new(vel_deferred_allocator_get_type(), nullptr)));
+    static GstAllocator* const allocator = [] {
+        auto* made = GST_ALLOCATOR(gst_object_ref_sink(g_object_new(vel_deferred_allocator_get_type(), nullptr)));
+        GST_OBJECT_FLAG_SET(made, GST_OBJECT_FLAG_MAY_BE_LEAKED);
+        return made;
+    }();
     return allocator;
 }
 
