@@ -32,7 +32,7 @@ inline void premultiply_pixel(const uint8_t* from, uint8_t* to)
 {
     const int alpha = from[3];
     if (alpha == 0 || alpha == 255) {
-        std::memcpy(to, alpha == 0 ? kClearPixel : from, 4);
+        std::memmove(to, alpha == 0 ? kClearPixel : from, 4); // both may be one place
         return;
     }
     for (int i = 0; i < 3; ++i)

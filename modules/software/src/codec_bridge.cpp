@@ -10,9 +10,6 @@ namespace velstream::software {
 
 namespace {
 
-/// Copies the planes of one frame into the other frame's layout.
-using LayoutCopy = int (*)(const GstVideoFrame& in, GstVideoFrame& out);
-
 struct VelCodecBridge {
     GstVideoFilter parent;
     GstCaps* sink_formats; ///< owned; set once, before the element is used
@@ -170,7 +167,7 @@ GstFlowReturn prepare_output_buffer(GstBaseTransform* transform, GstBuffer* inpu
     if (!bridge->may_defer || bridge->copy != i420_to_nv12 || gst_base_transform_is_passthrough(transform))
         return parent->prepare_output_buffer(transform, input, output);
     const GstVideoFilter* filter = &bridge->parent;
-    BufferPtr frame = make_deferred_frame(input, filter->in_info, filter->out_info);
+    BufferPtr frame = make_deferred_frame(input, filter->in_info, filter->out_info, bridge->copy);
     parent->copy_metadata(transform, input, frame.get());
     *output = frame.release();
     return GST_FLOW_OK;

@@ -1,18 +1,20 @@
 #include "deferred_frame.h"
 
-#include <libyuv.h>
+#include <memory>
+#include <mutex>
+#include <utility>
 
 namespace velstream::software {
 
 namespace {
 
-struct DeferredMemory {
-    GstMemory parent;
-    GMutex mutex;          ///< guards what follows
-    GstBuffer* planes;     ///< owned; null: the NV12 frame was written to
-    uint8_t* nv12;         ///< owned; null: nobody has read it yet
-    GstVideoInfo in_info;  ///< of `planes`
-    GstVideoInfo out_info; ///< of `nv12`
+struct DeferredMemory : GstMemory {
+    std::mutex mutex;                ///< guards the next two
+    BufferPtr planes;                ///< empty: the frame was written to
+    std::unique_ptr<uint8_t[]> data; ///< empty: nobody has read it yet
+    GstVideoInfo in_info;            ///< of `planes`
+    GstVideoInfo out_info;           ///< of `data`
+    LayoutCopy copy;
 };
 
 struct VelDeferredAllocator {
@@ -28,40 +30,29 @@ G_DEFINE_TYPE(VelDeferredAllocator, vel_deferred_allocator, GST_TYPE_ALLOCATOR)
 
 DeferredMemory* deferred_of(GstMemory* memory)
 {
-    return reinterpret_cast<DeferredMemory*>(memory);
+    return static_cast<DeferredMemory*>(memory);
 }
 
-bool convert(const DeferredMemory& memory, uint8_t* nv12)
+/// The frame in its layout; empty where the planes cannot be mapped.
+std::unique_ptr<uint8_t[]> convert(const DeferredMemory& memory)
 {
-    const MappedFrame frame(memory.in_info, memory.planes, GST_MAP_READ);
-    if (!frame) return false;
-    const GstVideoFrame& in = frame.get();
-    const auto plane = [&in](guint index) {
-        return static_cast<const uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&in, index));
-    };
-    const auto stride = [&in](guint index) { return GST_VIDEO_FRAME_PLANE_STRIDE(&in, index); };
-    const GstVideoInfo& out = memory.out_info;
-    return libyuv::I420ToNV12(plane(0), stride(0), plane(1), stride(1), plane(2), stride(2),
-                              nv12 + GST_VIDEO_INFO_PLANE_OFFSET(&out, 0), GST_VIDEO_INFO_PLANE_STRIDE(&out, 0),
-                              nv12 + GST_VIDEO_INFO_PLANE_OFFSET(&out, 1), GST_VIDEO_INFO_PLANE_STRIDE(&out, 1),
-                              GST_VIDEO_INFO_WIDTH(&out), GST_VIDEO_INFO_HEIGHT(&out)) == 0;
+    const MappedFrame in(memory.in_info, memory.planes.get(), GST_MAP_READ);
+    if (!in) return nullptr;
+    auto data = std::make_unique_for_overwrite<uint8_t[]>(memory.maxsize);
+    GstVideoFrame out{};
+    out.info = memory.out_info;
+    for (guint plane = 0; plane < GST_VIDEO_INFO_N_PLANES(&out.info); ++plane)
+        out.data[plane] = data.get() + GST_VIDEO_INFO_PLANE_OFFSET(&out.info, plane);
+    return memory.copy(in.get(), out) == 0 ? std::move(data) : nullptr;
 }
 
-gpointer map(GstMemory* base, gsize size, GstMapFlags flags)
+gpointer map(GstMemory* base, gsize, GstMapFlags flags)
 {
     DeferredMemory* memory = deferred_of(base);
-    g_mutex_lock(&memory->mutex);
-    if (!memory->nv12) {
-        auto* nv12 = static_cast<uint8_t*>(g_malloc(size));
-        if (convert(*memory, nv12))
-            memory->nv12 = nv12;
-        else
-            g_free(nv12);
-    }
-    if (memory->nv12 && (flags & GST_MAP_WRITE)) gst_clear_buffer(&memory->planes);
-    uint8_t* nv12 = memory->nv12;
-    g_mutex_unlock(&memory->mutex);
-    return nv12;
+    const std::lock_guard lock(memory->mutex);
+    if (!memory->data) memory->data = convert(*memory);
+    if (memory->data && (flags & GST_MAP_WRITE)) memory->planes.reset();
+    return memory->data.get();
 }
 
 void unmap(GstMemory*) {}
@@ -71,13 +62,9 @@ GstMemory* allocate(GstAllocator*, gsize, GstAllocationParams*)
     return nullptr; // only make_deferred_frame() makes them
 }
 
-void release(GstAllocator*, GstMemory* base)
+void release(GstAllocator*, GstMemory* memory)
 {
-    DeferredMemory* memory = deferred_of(base);
-    gst_clear_buffer(&memory->planes);
-    g_free(memory->nv12);
-    g_mutex_clear(&memory->mutex);
-    delete memory;
+    delete deferred_of(memory);
 }
 
 void vel_deferred_allocator_class_init(VelDeferredAllocatorClass* klass)
@@ -118,18 +105,19 @@ DeferredMemory* whole_memory_of(GstBuffer* buffer)
 
 } // namespace
 
-BufferPtr make_deferred_frame(GstBuffer* planes, const GstVideoInfo& planes_info, const GstVideoInfo& info)
+BufferPtr make_deferred_frame(GstBuffer* planes, const GstVideoInfo& planes_info, const GstVideoInfo& info,
+                              LayoutCopy copy)
 {
     auto* memory = new DeferredMemory{};
     // A part of it shares no bytes that are not there yet: whoever wants a part gets a copy.
-    gst_memory_init(&memory->parent, GST_MEMORY_FLAG_NO_SHARE, deferred_allocator(), nullptr,
-                    GST_VIDEO_INFO_SIZE(&info), 0, 0, GST_VIDEO_INFO_SIZE(&info));
-    g_mutex_init(&memory->mutex);
-    memory->planes = gst_buffer_ref(planes);
+    gst_memory_init(memory, GST_MEMORY_FLAG_NO_SHARE, deferred_allocator(), nullptr, GST_VIDEO_INFO_SIZE(&info), 0, 0,
+                    GST_VIDEO_INFO_SIZE(&info));
+    memory->planes.reset(gst_buffer_ref(planes));
     memory->in_info = planes_info;
     memory->out_info = info;
+    memory->copy = copy;
     BufferPtr buffer(gst_buffer_new());
-    gst_buffer_append_memory(buffer.get(), &memory->parent);
+    gst_buffer_append_memory(buffer.get(), memory);
     return buffer;
 }
 
@@ -142,11 +130,9 @@ std::optional<DeferredPlanes> planes_of(GstBuffer* buffer)
 {
     DeferredMemory* memory = whole_memory_of(buffer);
     if (!memory) return std::nullopt;
-    g_mutex_lock(&memory->mutex);
-    BufferPtr planes(memory->planes ? gst_buffer_ref(memory->planes) : nullptr);
-    g_mutex_unlock(&memory->mutex);
-    if (!planes) return std::nullopt;
-    return DeferredPlanes{std::move(planes), memory->in_info};
+    const std::lock_guard lock(memory->mutex);
+    if (!memory->planes) return std::nullopt;
+    return DeferredPlanes{BufferPtr(gst_buffer_ref(memory->planes.get())), memory->in_info};
 }
 
 } // namespace velstream::software

@@ -10,14 +10,19 @@
 
 namespace velstream::software {
 
+/// Copies the planes of one frame into the other frame's layout. @return 0 on success
+using LayoutCopy = int (*)(const GstVideoFrame& in, GstVideoFrame& out);
+
 /**
- * A buffer that reads as an NV12 frame in the layout of `info` and holds `planes` until it is written to. What maps it
- * for the first time converts it, on its own thread; any threads may map it at once.
- * @param planes       an I420 frame as `planes_info` says; a reference is taken
+ * A buffer that reads as a frame in the layout of `info` and holds `planes` until it is written to. What maps it for
+ * the first time converts it, on its own thread; any threads may map it at once.
+ * @param planes       a frame as `planes_info` says; a reference is taken
  * @param planes_info  of the same size as `info`
+ * @param copy         converts one into the other
  * @return owned by the caller; its times, flags and metas are not those of `planes`
  */
-BufferPtr make_deferred_frame(GstBuffer* planes, const GstVideoInfo& planes_info, const GstVideoInfo& info);
+BufferPtr make_deferred_frame(GstBuffer* planes, const GstVideoInfo& planes_info, const GstVideoInfo& info,
+                              LayoutCopy copy);
 
 bool is_deferred_frame(GstBuffer* buffer);
 
