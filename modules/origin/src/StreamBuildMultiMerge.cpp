@@ -157,7 +157,7 @@ public:
 
 private:
     void play();
-    bool is_stopped_at_its_start() const;
+    bool is_stopped_at_its_start();
     void wait_for_end();
     void clear_away();
     SourcePtr watch_bus();
@@ -209,10 +209,11 @@ void Composition::play()
 }
 
 /// A start can take long, with a large model above all, and a stop that came meanwhile has waited for its time. No
-/// camera has sent anything before the start is through, so there is nothing to wait for.
-bool Composition::is_stopped_at_its_start() const
+/// camera has sent anything before the start is through, so there is nothing to wait for, and what comes later is not
+/// recorded.
+bool Composition::is_stopped_at_its_start()
 {
-    return run_.is_stop_asked() && !recording_->has_begun;
+    return run_.is_stop_asked() && recording_->refuse();
 }
 
 void Composition::wait_for_end()
@@ -242,8 +243,9 @@ void note_left_behind(GstElement* pipeline)
 void Composition::clear_away()
 {
     const std::string file = open_recording(pipeline_.get());
+    const bool is_empty = recording_->refuse(); // cameras go on until the outputs are down, and an output may take long
     if (!take_down(share(pipeline_.get()), kNullBound)) note_left_behind(pipeline_.get());
-    if (!recording_->has_begun)
+    if (is_empty)
         remove_recording(file);
     else if (has_sink_failed_ && is_recording_closed(pipeline_.get()))
         cut_broken_mp4_end(file);
@@ -298,7 +300,7 @@ void Composition::handle_error(GstMessage* message)
 /// An error ends the run, and the file has no index yet. Nothing can be done for one that cannot be written.
 bool Composition::can_finish_recording() const
 {
-    return has_failed_ && !has_sink_failed_ && recording_->has_begun && !recording_->is_complete;
+    return has_failed_ && !has_sink_failed_ && recording_->has_begun() && !recording_->is_complete;
 }
 
 void Composition::begin_end()
@@ -316,7 +318,7 @@ void Composition::look_around()
     if (is_finishing_ && (recording_->is_complete || has_sink_failed_)) {
         g_main_loop_quit(loop_.get());
     } else if (elapsed >= kEndOfStreamBound) {
-        if (recording_->has_begun && !recording_->is_complete)
+        if (recording_->has_begun() && !recording_->is_complete)
             VEL_LOG_WARN("Composition: the end of stream did not arrive in time; the recording may be incomplete.");
         else
             VEL_LOG_WARN("Composition: the end of stream did not arrive everywhere in time.");

@@ -168,8 +168,7 @@ void probe_with_state(GstPad* pad, GstPadProbeType type, GstPadProbeCallback cal
 
 GstPadProbeReturn note_begin(GstPad*, GstPadProbeInfo*, gpointer state)
 {
-    (*static_cast<StatePtr*>(state))->has_begun = true;
-    return GST_PAD_PROBE_REMOVE;
+    return (*static_cast<StatePtr*>(state))->begin() ? GST_PAD_PROBE_REMOVE : GST_PAD_PROBE_DROP;
 }
 
 /// The muxer sends its end of stream behind the index, to a sink that writes in the same thread.
@@ -204,6 +203,22 @@ bool is_unfed(GstPad* input)
 }
 
 } // namespace
+
+bool RecordingState::enter(Phase phase)
+{
+    Phase before = Phase::kWaiting;
+    return phase_.compare_exchange_strong(before, phase) || before == phase;
+}
+
+bool RecordingState::begin()
+{
+    return enter(Phase::kBegun);
+}
+
+bool RecordingState::refuse()
+{
+    return enter(Phase::kRefused);
+}
 
 void add_end_probes(GstElement* pipeline)
 {

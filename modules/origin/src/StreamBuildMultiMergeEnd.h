@@ -9,10 +9,24 @@
 
 namespace Quorvis::VelStream {
 
-/// What is known of a composition's file. Written by streaming threads.
-struct RecordingState {
-    std::atomic<bool> has_begun{false};   ///< A picture has come to the muxer.
+/// What is known of a composition's file. Streaming threads write it.
+class RecordingState {
+public:
+    /// A picture has come to the muxer: false when it is refused.
+    bool begin();
+    /// True when no picture has come; from then on the muxer gets none.
+    bool refuse();
+    bool has_begun() const { return phase_ == Phase::kBegun; }
+
     std::atomic<bool> is_complete{false}; ///< The muxer has written its index.
+
+private:
+    enum class Phase { kWaiting, kBegun, kRefused };
+
+    /// Leaves the first phase for this one, which holds for good. True when it is in it.
+    bool enter(Phase phase);
+
+    std::atomic<Phase> phase_{Phase::kWaiting};
 };
 
 /// Logs the end of stream where it passes a composition's named elements.
