@@ -42,7 +42,6 @@ class Install : public Tool {
 protected:
     void SetUp() override
     {
-        Tool::SetUp();
         const Output output =
             run_command(CMAKE_PROGRAM " --install " BUILD_FOLDER " --prefix " + (folder_ / "first").string() + " 2>&1");
         ASSERT_EQ(output.status, 0) << output.text;

@@ -1,78 +1,84 @@
-// A Wayland compositor of a test's own, without a screen, and pictures of what it shows.
+// A headless Wayland compositor whose screen shows windows alone, without a panel, and pictures of it.
 #pragma once
 
 #include "process.h"
+#include "temporary_folder.h"
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
-#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace peers {
 
-/// A headless weston, in a runtime folder of its own. Clients find it through the environment, which it sets.
+/// weston with a screen in memory, in a runtime folder of its own. This process's environment points to it.
 class Compositor {
 public:
-    Compositor(int width, int height)
-        : width_(width), height_(height), folder_(make_folder()),
-          weston_(std::make_unique<ChildProcess>(
-              std::vector<std::string>{"sh", "-c",
-                                       "XDG_RUNTIME_DIR='" + folder_.string() +
-                                           "' exec weston --backend=headless-backend.so --use-gl --debug "
-                                           "--socket=wayland-1 --no-config --width=" +
-                                           std::to_string(width) + " --height=" + std::to_string(height) + " 2>&1"}))
+    Compositor(int width, int height) : width_(width), height_(height)
     {
-        setenv("XDG_RUNTIME_DIR", folder_.c_str(), 1);
+        setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1);
         setenv("WAYLAND_DISPLAY", "wayland-1", 1);
-    }
-    ~Compositor()
-    {
-        weston_->terminate();
-        weston_->wait();
-        weston_.reset();
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
+        // Nothing lies above a window, and a window as large as the screen lies at its top left.
+        std::ofstream(folder_.file("weston.ini")) << "[shell]\npanel-position=none\nlocking=false\n"
+                                                     "animation=none\nstartup-animation=none\n";
+        process_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+            "weston", "--backend=headless-backend.so", "--use-gl", "--debug", "--socket=wayland-1",
+            "--config=" + folder_.file("weston.ini"), "--log=" + folder_.file("weston.log"),
+            "--width=" + std::to_string(width), "--height=" + std::to_string(height)});
+        // The socket is there before anyone answers on it; a picture of the screen takes the whole compositor.
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!is_ready_ && process_->is_running() && std::chrono::steady_clock::now() < end) {
+            is_ready_ = std::filesystem::exists(folder_.file("wayland-1")) && !take_picture().empty();
+            if (!is_ready_) std::this_thread::sleep_for(std::chrono::milliseconds(20)); // between two looks
+        }
     }
     Compositor(const Compositor&) = delete;
     Compositor& operator=(const Compositor&) = delete;
 
+    bool is_ready() const { return is_ready_; }
     int width() const { return width_; }
     int height() const { return height_; }
 
-    /// What the whole screen shows, packed RGB; empty where no picture could be taken, as while it starts.
-    std::vector<std::uint8_t> picture() const
+    /// Takes a picture of the screen. @return path of a PNG file, valid until the next one; empty when there is none.
+    std::string take_picture()
     {
-        const std::filesystem::path shots = folder_ / "shots";
+        const std::filesystem::path shots = folder_.file("shots");
         std::filesystem::remove_all(shots);
         std::filesystem::create_directory(shots);
-        ChildProcess shot({"sh", "-c",
-                           "cd '" + shots.string() +
-                               "' && weston-screenshooter >/dev/null 2>&1 && ffmpeg -v error -i *.png -pix_fmt rgb24 "
-                               "-f rawvideo pixels 2>/dev/null"});
-        if (shot.wait() != 0) return {};
-        std::vector<std::uint8_t> pixels(3U * static_cast<std::size_t>(width_ * height_));
-        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen((shots / "pixels").c_str(), "rb"),
-                                                                   std::fclose);
-        if (!file || std::fread(pixels.data(), 1, pixels.size(), file.get()) != pixels.size()) return {};
-        return pixels;
+        ChildProcess screenshooter(
+            {"sh", "-c", "cd '" + shots.string() + "' && exec weston-screenshooter >/dev/null 2>&1"});
+        screenshooter.wait();
+        for (const auto& entry : std::filesystem::directory_iterator(shots)) {
+            if (entry.path().extension() == ".png") return entry.path().string();
+        }
+        return {};
+    }
+
+    /// The same as packed RGB, empty when there is none.
+    std::vector<std::uint8_t> read_screen()
+    {
+        const std::string pixels = folder_.file("pixels");
+        ChildProcess decoder(
+            {"ffmpeg", "-v", "error", "-y", "-i", take_picture(), "-pix_fmt", "rgb24", "-f", "rawvideo", pixels});
+        std::vector<std::uint8_t> rgb(3U * static_cast<std::size_t>(width_) * static_cast<std::size_t>(height_));
+        if (decoder.wait() != 0) return {};
+        std::ifstream file(pixels, std::ios::binary);
+        if (!file.read(reinterpret_cast<char*>(rgb.data()), static_cast<std::streamsize>(rgb.size()))) return {};
+        return rgb;
     }
 
 private:
-    static std::filesystem::path make_folder()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "compositor-XXXXXX").string();
-        if (!mkdtemp(pattern.data())) throw std::runtime_error("no folder for a compositor");
-        return pattern;
-    }
-
     int width_;
     int height_;
-    std::filesystem::path folder_;
-    std::unique_ptr<ChildProcess> weston_;
+    velstream::testing::TemporaryFolder folder_;
+    std::unique_ptr<ChildProcess> process_; // ends before its folder goes
+    bool is_ready_ = false;
 };
 
 } // namespace peers

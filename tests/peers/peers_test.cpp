@@ -1,6 +1,7 @@
 #include "media.h"
 #include "peer_handles.h"
 #include "process.h"
+#include "temporary_folder.h"
 
 #include <gst/app/gstappsink.h>
 #include <gst/video/video.h>
@@ -18,23 +19,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-
-class TemporaryFolder {
-public:
-    TemporaryFolder()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "velstream-peers-XXXXXX").string();
-        if (!mkdtemp(name.data())) ADD_FAILURE() << "no temporary folder";
-        path_ = name;
-    }
-    ~TemporaryFolder() { std::filesystem::remove_all(path_); }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
-private:
-    std::filesystem::path path_;
-};
+using velstream::testing::TemporaryFolder;
 
 /// Lines that ffprobe prints for these entries of a file's streams.
 std::vector<std::string> probe(const std::string& path, const std::string& streams, const std::string& entries)
@@ -160,7 +145,7 @@ TEST_P(Media, HasEachFrameOnceWithItsNumberAndItsColourMatrix)
     spec.height = c.height;
     spec.b_frames = c.b_frames;
     spec.frames = 70;
-    const std::string path = folder / c.file;
+    const std::string path = folder.file(c.file);
     ASSERT_EQ(media::make_media(spec, path), "");
 
     const std::string size = std::to_string(c.width) + "," + std::to_string(c.height);
@@ -191,9 +176,9 @@ TEST(MediaFile, BFramesAndKeyFramesAreAsAsked)
     spec.frames = 60;
     spec.key_interval = 20;
     spec.b_frames = 2;
-    ASSERT_EQ(media::make_media(spec, folder / "b.mp4"), "");
+    ASSERT_EQ(media::make_media(spec, folder.file("b.mp4")), "");
     peers::ChildProcess ffprobe({"ffprobe", "-v", "error", "-select_streams", "v", "-show_entries", "frame=pict_type",
-                                 "-of", "csv=p=0", folder / "b.mp4"});
+                                 "-of", "csv=p=0", folder.file("b.mp4")});
     std::string types;
     while (const std::optional<std::string> line = ffprobe.read_line())
         types += line->substr(0, 1);
@@ -210,9 +195,9 @@ TEST(MediaFile, SoundAndSecondVideoTrackAreThere)
     spec.frames = 30;
     spec.has_audio = true;
     spec.video_tracks = 2;
-    ASSERT_EQ(media::make_media(spec, folder / "a.mp4"), "");
-    EXPECT_EQ(probe(folder / "a.mp4", "v", "codec_name,nb_read_frames"), (std::vector<std::string>(2, "h264,30")));
-    EXPECT_EQ(probe(folder / "a.mp4", "a", "codec_name"), (std::vector<std::string>{"aac"}));
+    ASSERT_EQ(media::make_media(spec, folder.file("a.mp4")), "");
+    EXPECT_EQ(probe(folder.file("a.mp4"), "v", "codec_name,nb_read_frames"), (std::vector<std::string>(2, "h264,30")));
+    EXPECT_EQ(probe(folder.file("a.mp4"), "a", "codec_name"), (std::vector<std::string>{"aac"}));
 }
 
 TEST(MediaFile, SoundAloneHasNoVideoTrack)
@@ -222,9 +207,9 @@ TEST(MediaFile, SoundAloneHasNoVideoTrack)
     spec.has_video = false;
     spec.has_audio = true;
     spec.frames = 30;
-    ASSERT_EQ(media::make_media(spec, folder / "a.mp4"), "");
-    EXPECT_TRUE(probe(folder / "a.mp4", "v", "codec_name").empty());
-    EXPECT_EQ(probe(folder / "a.mp4", "a", "codec_name"), (std::vector<std::string>{"aac"}));
+    ASSERT_EQ(media::make_media(spec, folder.file("a.mp4")), "");
+    EXPECT_TRUE(probe(folder.file("a.mp4"), "v", "codec_name").empty());
+    EXPECT_EQ(probe(folder.file("a.mp4"), "a", "codec_name"), (std::vector<std::string>{"aac"}));
 }
 
 TEST(MediaFile, FileThatCannotBeWrittenIsSaid)
@@ -266,8 +251,8 @@ TEST_P(RtspPlay, FileIsLoopedWithTimeStampsThatGoOn)
     spec.key_interval = 30;
     spec.b_frames = 2;
     spec.has_audio = true;
-    ASSERT_EQ(media::make_media(spec, folder / "a.mp4"), "");
-    const peers::RtspPeer server(RTSP_PEER, {"play", "--file", folder / "a.mp4", "--loop"});
+    ASSERT_EQ(media::make_media(spec, folder.file("a.mp4")), "");
+    const peers::RtspPeer server(RTSP_PEER, {"play", "--file", folder.file("a.mp4"), "--loop"});
     ASSERT_NE(server.port(), 0);
 
     FrameReader reader(play_pipeline(server.url(), spec.codec, GetParam().protocols));
@@ -313,8 +298,8 @@ TEST(RtspPlayOnce, FileEndsTheStreamAfterItsLastFrame)
     spec.width = 640;
     spec.height = 360;
     spec.frames = 40;
-    ASSERT_EQ(media::make_media(spec, folder / "a.mp4"), "");
-    const peers::RtspPeer server(RTSP_PEER, {"play", "--file", folder / "a.mp4"});
+    ASSERT_EQ(media::make_media(spec, folder.file("a.mp4")), "");
+    const peers::RtspPeer server(RTSP_PEER, {"play", "--file", folder.file("a.mp4")});
     ASSERT_NE(server.port(), 0);
     FrameReader reader(play_pipeline(server.url(), "h264", kTcp));
     EXPECT_EQ(reader.numbers_to_the_end(), numbers_below(40));
@@ -323,8 +308,8 @@ TEST(RtspPlayOnce, FileEndsTheStreamAfterItsLastFrame)
 TEST(RtspPlayOnce, FileWithoutVideoIsRefused)
 {
     const TemporaryFolder folder;
-    std::ofstream(folder / "a.mp4") << "no media";
-    peers::ChildProcess server({RTSP_PEER, "play", "--file", folder / "a.mp4"});
+    std::ofstream(folder.file("a.mp4")) << "no media";
+    peers::ChildProcess server({RTSP_PEER, "play", "--file", folder.file("a.mp4")});
     EXPECT_EQ(server.wait(), 1);
 }
 
@@ -335,21 +320,21 @@ TEST(RtspRecord, WholeStreamIsInTheFileAtItsEnd)
     spec.width = 640;
     spec.height = 360;
     spec.frames = 45;
-    ASSERT_EQ(media::make_media(spec, folder / "a.mp4"), "");
-    peers::RtspPeer server(RTSP_PEER, {"record", "--out", folder / "out.mp4"});
+    ASSERT_EQ(media::make_media(spec, folder.file("a.mp4")), "");
+    peers::RtspPeer server(RTSP_PEER, {"record", "--out", folder.file("out.mp4")});
     ASSERT_NE(server.port(), 0);
-    peers::ChildProcess client({"ffmpeg", "-v", "error", "-re", "-i", folder / "a.mp4", "-c", "copy", "-f", "rtsp",
+    peers::ChildProcess client({"ffmpeg", "-v", "error", "-re", "-i", folder.file("a.mp4"), "-c", "copy", "-f", "rtsp",
                                 "-rtsp_transport", "tcp", server.url()});
     EXPECT_EQ(server.read_until("eos").value_or(""), "eos frames=45");
-    EXPECT_EQ(probe(folder / "out.mp4", "v", "codec_name,nb_read_frames"), (std::vector<std::string>{"h264,45"}));
-    FrameReader reader("filesrc location=" + (folder / "out.mp4") + " ! qtdemux ! h264parse ! avdec_h264");
+    EXPECT_EQ(probe(folder.file("out.mp4"), "v", "codec_name,nb_read_frames"), (std::vector<std::string>{"h264,45"}));
+    FrameReader reader("filesrc location=" + folder.file("out.mp4") + " ! qtdemux ! h264parse ! avdec_h264");
     EXPECT_EQ(reader.numbers_to_the_end(), numbers_below(45));
 }
 
 TEST(RtspRecord, ClientThatDiesIsSaidAndTheNextOneIsTaken)
 {
     const TemporaryFolder folder;
-    peers::RtspPeer server(RTSP_PEER, {"record", "--out", folder / "out.mp4"});
+    peers::RtspPeer server(RTSP_PEER, {"record", "--out", folder.file("out.mp4")});
     ASSERT_NE(server.port(), 0);
     const std::vector<std::string> push{"gst-launch-1.0",
                                         "-q",

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "process.h"
+#include "temporary_folder.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -34,19 +35,10 @@ class RtmpServer {
 public:
     RtmpServer()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "velstream-nginx-XXXXXX").string();
-        if (!mkdtemp(pattern.data())) throw std::runtime_error("no temporary folder for nginx");
-        folder_ = pattern;
-        std::filesystem::create_directory(folder_ / "record");
+        std::filesystem::create_directory(folder_.file("record"));
         // Another process may take the port between the look for it and the start.
         for (int attempt = 0; attempt < 5 && port_ == 0; ++attempt)
             start(find_free_port());
-    }
-    ~RtmpServer()
-    {
-        process_.reset();
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
     }
     RtmpServer(const RtmpServer&) = delete;
     RtmpServer& operator=(const RtmpServer&) = delete;
@@ -78,13 +70,13 @@ public:
         if (!wait_for("disconnect")) return {};
         process_->terminate();
         process_->wait();
-        return (folder_ / "record" / "test.flv").string();
+        return folder_.file("record/test.flv");
     }
 
 private:
     void start(int port)
     {
-        const std::string path = (folder_ / "nginx.conf").string();
+        const std::string path = folder_.file("nginx.conf");
         // One process in the foreground: it keeps the user it was started by, and ends with the test.
         std::ofstream(path) << "load_module /usr/lib/nginx/modules/ngx_rtmp_module.so;\n"
                                "daemon off;\nmaster_process off;\n"
@@ -96,15 +88,15 @@ private:
                             << ";\n"
                                "  application live { live on; wait_key on; wait_video on;\n"
                                "   record all; record_path "
-                            << (folder_ / "record").string()
+                            << folder_.file("record")
                             << "; record_max_size 100M; }\n"
                                "  application plain { live on; }\n }\n}\n";
         process_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-            "/usr/sbin/nginx", "-p", folder_.string(), "-c", path, "-e", (folder_ / "start.log").string()});
+            "/usr/sbin/nginx", "-p", folder_.path().string(), "-c", path, "-e", folder_.file("start.log")});
         if (wait_for("using the")) port_ = port; // "using the "epoll" event method": it listens
     }
 
-    std::filesystem::path folder_;
+    velstream::testing::TemporaryFolder folder_;
     std::unique_ptr<ChildProcess> process_;
     int port_ = 0;
 };

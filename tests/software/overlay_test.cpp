@@ -1,3 +1,4 @@
+#include "temporary_folder.h"
 #include "video_frames.h"
 
 #include <gtest/gtest.h>
@@ -16,13 +17,6 @@ using namespace velstream::test;
 class Overlay : public testing::Test {
 protected:
     static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
-    void SetUp() override
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "overlay-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-    }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
 
     /// A file of nothing but pixels, all of one colour.
     std::string raw_picture(int width, int height, std::array<int, 4> rgba) const
@@ -53,7 +47,8 @@ protected:
         return path;
     }
 
-    std::string folder_;
+    const velstream::testing::TemporaryFolder own_folder_;
+    const std::string folder_ = own_folder_.path();
 };
 
 std::string image_text(const std::string& path, const std::string& resolution, const std::string& destination)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "square_detector.h"
+#include "temporary_folder.h"
 #include "video_frames.h"
 
 #include <gtest/gtest.h>
@@ -13,16 +14,9 @@
 namespace velstream::test {
 
 /// With a folder of its own for models and labels.
-class ModelTest : public testing::Test {
+class ModelTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
-    void SetUp() override
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "model-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-    }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
 
     std::string file(const std::string& name, const std::string& bytes) const
     {
@@ -35,7 +29,8 @@ protected:
         return file("model.onnx", make_square_detector(detector));
     }
 
-    std::string folder_;
+    const velstream::testing::TemporaryFolder own_folder_;
+    const std::string folder_ = own_folder_.path();
 };
 
 /// One memory for each tensor.

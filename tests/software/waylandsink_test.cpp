@@ -1,4 +1,5 @@
 // The platform's "waylandsink": which process has it, what it takes, and what a headless compositor shows.
+#include "compositor.h"
 #include "gst_handles.h"
 
 #include <gst/check/gstharness.h>
@@ -8,7 +9,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -211,19 +211,6 @@ TEST(WaylandSink, NoCompositorIsAnErrorNotACrash)
 // ---- On a compositor
 // ---------------------------------------------------------------------------------------------------
 
-pid_t spawn(const std::vector<std::string>& command, const std::string& log)
-{
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    std::vector<char*> arguments;
-    for (const std::string& argument : command)
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    arguments.push_back(nullptr);
-    if (!freopen(log.c_str(), "w", stdout) || !freopen(log.c_str(), "a", stderr)) _exit(126);
-    execvp(arguments[0], arguments.data());
-    _exit(127);
-}
-
 template <typename Condition>
 bool wait_until(Condition condition, int seconds)
 {
@@ -235,31 +222,10 @@ bool wait_until(Condition condition, int seconds)
     return true;
 }
 
-/// A headless weston of 1024 x 640 in a runtime folder of its own.
-class Compositor : public testing::Test {
+/// With a screen of 1024 x 640.
+class WaylandScreen : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string pattern = (fs::temp_directory_path() / "waylandsink-XXXXXX").string();
-        ASSERT_TRUE(mkdtemp(pattern.data()));
-        folder_ = pattern;
-        setenv("XDG_RUNTIME_DIR", pattern.c_str(), 1);
-        setenv("WAYLAND_DISPLAY", "wayland-1", 1);
-        weston_ = spawn({"weston", "--backend=headless-backend.so", "--use-gl", "--debug", "--socket=wayland-1",
-                         "--width=1024", "--height=640", "--no-config"},
-                        (folder_ / "weston.log").string());
-        // The socket is there before anyone answers on it; a picture of the screen takes the whole compositor.
-        ASSERT_TRUE(wait_until([&] { return fs::exists(folder_ / "wayland-1") && !screenshot().empty(); }, 60));
-    }
-
-    void TearDown() override
-    {
-        if (weston_ > 0) {
-            kill(weston_, SIGTERM);
-            waitpid(weston_, nullptr, 0);
-        }
-        fs::remove_all(folder_);
-    }
+    void SetUp() override { ASSERT_TRUE(screen_.is_ready()); }
 
     /// The area that a frame of one green covers on the screen while `sink` shows it: width and height, 0 and 0 for
     /// none.
@@ -300,7 +266,7 @@ protected:
             [&] {
                 if (frames < enough) return false;
                 last = area;
-                area = green_area(screenshot());
+                area = green_area(screen_.take_picture());
                 return area.first > 0 && area == last;
             },
             60));
@@ -309,21 +275,6 @@ protected:
     }
 
 private:
-    /// Takes a picture of the screen; its path, empty where none was made.
-    std::string screenshot()
-    {
-        const fs::path folder = folder_ / "shot";
-        fs::remove_all(folder);
-        fs::create_directory(folder);
-        const pid_t pid = spawn({"sh", "-c", "cd '" + folder.string() + "' && exec weston-screenshooter"},
-                                (folder_ / "shot.log").string());
-        waitpid(pid, nullptr, 0);
-        for (const auto& entry : fs::directory_iterator(folder)) {
-            if (entry.path().extension() == ".png") return entry.path().string();
-        }
-        return "";
-    }
-
     static SamplePtr read_picture(const std::string& path)
     {
         const ElementPtr pipeline(gst_parse_launch(
@@ -369,23 +320,22 @@ private:
         return right < 0 ? std::pair{0, 0} : std::pair{right - left + 1, bottom - top + 1};
     }
 
-    fs::path folder_;
-    pid_t weston_ = -1;
+    peers::Compositor screen_{1024, 640};
 };
 
-TEST_F(Compositor, WidthAndHeightAreTheWindows)
+TEST_F(WaylandScreen, WidthAndHeightAreTheWindows)
 {
     ask_for_software_platform();
     EXPECT_EQ(shown_area("waylandsink x=0 y=0 width=320 height=180"), (std::pair{320, 180}));
 }
 
-TEST_F(Compositor, NewSizeIsTakenWhilePlaying)
+TEST_F(WaylandScreen, NewSizeIsTakenWhilePlaying)
 {
     ask_for_software_platform();
     EXPECT_EQ(shown_area("waylandsink", 480, 270), (std::pair{480, 270}));
 }
 
-TEST_F(Compositor, ZeroWidthAndHeightAreTheVideos)
+TEST_F(WaylandScreen, ZeroWidthAndHeightAreTheVideos)
 {
     ask_for_software_platform();
     EXPECT_EQ(shown_area("waylandsink x=0 y=0 width=0 height=0"), (std::pair{640, 360}));

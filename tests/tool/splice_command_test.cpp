@@ -58,11 +58,14 @@ TEST_F(SpliceTool, CountsEveryFrameThatFfprobeCounts)
 TEST_F(SpliceTool, CountsSlicesOfAPictureOnce)
 {
     const std::string path = (folder_ / "slices.h265").string();
-    ASSERT_EQ(run_command("ffmpeg -v error -f lavfi -i testsrc2=size=640x360:rate=25:duration=3 -c:v libx265 "
-                          "-x265-params log-level=none:open-gop=1:keyint=25:bframes=4:slices=3:aud=1 " +
-                          path)
-                  .status,
-              0);
+    // On one thread: with more, x265 crashes over slices once in many runs.
+    ASSERT_EQ(
+        run_command(
+            "ffmpeg -v error -f lavfi -i testsrc2=size=640x360:rate=25:duration=3 -c:v libx265 "
+            "-x265-params log-level=none:open-gop=1:keyint=25:bframes=4:slices=2:aud=1:pools=none:frame-threads=1 " +
+            path)
+            .status,
+        0);
     const Output output = splice(path + " --json");
     EXPECT_EQ(output.status, 0) << stderr_text();
     EXPECT_EQ(parse_json(output.text)["units"].asInt(), 75);

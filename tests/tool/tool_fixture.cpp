@@ -44,19 +44,6 @@ Json::Value parse_json(const std::string& text)
     return value;
 }
 
-void Tool::SetUp()
-{
-    std::string pattern = (fs::temp_directory_path() / "velstream-tool-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    folder_ = pattern;
-    config_ = folder_ / "streams.conf";
-}
-
-void Tool::TearDown()
-{
-    fs::remove_all(folder_);
-}
-
 void Tool::write_clip(int frames, const std::string& further_entries)
 {
     media::MediaSpec spec;

@@ -1,6 +1,8 @@
 // What the tool's tests share: a folder with a clip and a configuration, and the tool as another program.
 #pragma once
 
+#include "temporary_folder.h"
+
 #include <gtest/gtest.h>
 #include <json/json.h>
 
@@ -23,9 +25,6 @@ Json::Value parse_json(const std::string& text);
 
 class Tool : public testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
-
     /// Makes a short clip, 642x362, and a configuration: "clip" plays it, "second" writes it to out.mp4, "full" writes
     /// it where there is no room, "gone" has no file. Further entries: JSON, each with a comma before it.
     void write_clip(int frames = 20, const std::string& further_entries = "");
@@ -39,6 +38,7 @@ protected:
     Output run_software(const std::string& arguments) const { return run(arguments + " --elements software"); }
     std::string stderr_text() const;
 
-    std::filesystem::path folder_;
-    std::filesystem::path config_;
+    const velstream::testing::TemporaryFolder own_folder_;
+    const std::filesystem::path& folder_ = own_folder_.path();
+    std::filesystem::path config_ = folder_ / "streams.conf";
 };

@@ -332,7 +332,6 @@ class ToolOf6490 : public Tool {
 protected:
     void SetUp() override
     {
-        Tool::SetUp();
         std::filesystem::create_symlink(LIBRARY_OF_6490, folder_ / "libvelstream-gst.so.1");
         setenv("LD_LIBRARY_PATH", folder_.c_str(), 1);
     }

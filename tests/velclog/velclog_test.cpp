@@ -1,3 +1,4 @@
+#include "temporary_folder.h"
 #include "velclog.h"
 
 #include <gtest/gtest.h>
@@ -22,27 +23,10 @@ namespace {
 using Quorvis::VelClog::clog_printf;
 using Quorvis::VelClog::clog_set_log_level;
 using Quorvis::VelClog::clogger;
+using velstream::testing::TemporaryFolder;
 
 constexpr int kConsole = 1;
 constexpr int kFile = 2;
-
-/// A folder of this test's own, removed with what is in it.
-class TemporaryFolder {
-public:
-    TemporaryFolder()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "velclog-test-XXXXXX").string();
-        if (!mkdtemp(name.data())) ADD_FAILURE() << "no temporary folder";
-        path_ = name;
-    }
-    ~TemporaryFolder() { std::filesystem::remove_all(path_); }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
-private:
-    std::filesystem::path path_;
-};
 
 std::vector<std::string> split_lines(const std::string& text)
 {
@@ -214,7 +198,7 @@ TEST_F(VelClog, NullFileAndNullFormatAreHarmless)
 TEST_F(VelClog, FileOnlyLeavesTheConsoleEmpty)
 {
     const TemporaryFolder folder;
-    const std::string path = folder / "a.log";
+    const std::string path = folder.file("a.log");
     const auto lines = console_lines([&] {
         clogger("velstream", path.c_str(), kFile);
         clog_printf(2, "a.cpp", 1, "to the file");
@@ -229,7 +213,7 @@ TEST_F(VelClog, FileOnlyLeavesTheConsoleEmpty)
 TEST_F(VelClog, BothOutputsGetEachLine)
 {
     const TemporaryFolder folder;
-    const std::string path = folder / "new-folder/a.log";
+    const std::string path = folder.file("new-folder/a.log");
     const auto lines = console_lines([&] {
         clogger("velstream", path.c_str(), kConsole | kFile);
         clog_printf(2, "a.cpp", 1, "twice");
@@ -241,7 +225,7 @@ TEST_F(VelClog, BothOutputsGetEachLine)
 TEST_F(VelClog, FileIsAppendedTo)
 {
     const TemporaryFolder folder;
-    const std::string path = folder / "a.log";
+    const std::string path = folder.file("a.log");
     std::ofstream(path) << "kept\n";
     clogger("velstream", path.c_str(), kFile);
     clog_printf(2, "a.cpp", 1, "added");
@@ -264,8 +248,8 @@ TEST_F(VelClog, NoOutputWritesNothing)
 TEST_F(VelClog, FileThatCannotBeOpenedIsReportedOnceAndTheConsoleStays)
 {
     const TemporaryFolder folder;
-    std::ofstream(folder / "plain") << "a file, no folder";
-    const std::string path = folder / "plain/a.log";
+    std::ofstream(folder.file("plain")) << "a file, no folder";
+    const std::string path = folder.file("plain/a.log");
     const auto lines = console_lines([&] {
         for (int i = 0; i < 3; ++i) {
             clogger("velstream", path.c_str(), kFile);
@@ -281,10 +265,10 @@ TEST_F(VelClog, FileThatCannotBeOpenedIsReportedOnceAndTheConsoleStays)
 TEST_F(VelClog, AnotherFileThatCannotBeOpenedIsReportedToo)
 {
     const TemporaryFolder folder;
-    std::ofstream(folder / "plain") << "a file, no folder";
+    std::ofstream(folder.file("plain")) << "a file, no folder";
     const auto lines = console_lines([&] {
-        clogger("velstream", (folder / "plain/a.log").c_str(), kConsole | kFile);
-        clogger("velstream", (folder / "plain/b.log").c_str(), kConsole | kFile);
+        clogger("velstream", folder.file("plain/a.log").c_str(), kConsole | kFile);
+        clogger("velstream", folder.file("plain/b.log").c_str(), kConsole | kFile);
         clogger("velstream", nullptr, kFile);
     });
     EXPECT_EQ(count_containing(lines, "Log file cannot be opened"), 3U);
@@ -293,7 +277,7 @@ TEST_F(VelClog, AnotherFileThatCannotBeOpenedIsReportedToo)
 TEST_F(VelClog, OutputsChangeWhileOthersLogAndNoLineIsLostOrTorn)
 {
     const TemporaryFolder folder;
-    const std::array<std::string, 2> paths{folder / "a.log", folder / "b.log"};
+    const std::array<std::string, 2> paths{folder.file("a.log"), folder.file("b.log")};
     clogger("velstream", paths[0].c_str(), kFile);
     constexpr int kThreads = 4;
     constexpr int kLines = 500;

@@ -2,7 +2,7 @@
 #include "ConfigFile.h"
 #include "Segments.h"
 #include "VideoFiles.h"
-#include "bare_screen.h"
+#include "compositor.h"
 #include "process.h"
 #include "rounds.h"
 #include "rtmp_server.h"
@@ -128,7 +128,7 @@ TEST_F(Leaks, OfAStreamFromAnRtmpServerAreNone)
 
 TEST_F(Leaks, OfAShownFileAreNone)
 {
-    const peers::BareScreen screen(320, 180);
+    const peers::Compositor screen(320, 180);
     ASSERT_TRUE(screen.is_ready());
     expect_none({"file", make_clip(kLong), "wayland", "", "10"});
 }

@@ -3,7 +3,7 @@
 #include "Platform.h"
 #include "RecordedLog.h"
 #include "StreamBuild.h"
-#include "bare_screen.h"
+#include "compositor.h"
 #include "frame_numbers.h"
 #include "rtmp_server.h"
 
@@ -173,7 +173,7 @@ protected:
         make_video(spec, input);
         const int shown_width = width ? width : video_width;
         const int shown_height = height ? height : video_height;
-        peers::BareScreen screen(video_width, video_height);
+        peers::Compositor screen(video_width, video_height);
         ASSERT_TRUE(screen.is_ready());
         const ConfigFile config(file_entry(input));
         Seen seen;

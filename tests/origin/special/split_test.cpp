@@ -2,7 +2,7 @@
 #include "FilePlayback.h"
 #include "RecordedLog.h"
 #include "StreamBuild.h"
-#include "bare_screen.h"
+#include "compositor.h"
 #include "frame_numbers.h"
 #include "process.h"
 
@@ -82,20 +82,17 @@ protected:
     }
 };
 
-/// The frame's number in a picture of the screen, -1 where there is none.
-int number_in_picture(const std::string& path)
+/// The frame's number on the screen, -1 where there is none.
+int number_on(peers::Compositor& screen)
 {
-    constexpr int kWidth = 640;
-    constexpr int kHeight = 360;
-    const std::string rgb =
-        run_command({"ffmpeg", "-v", "error", "-i", path, "-pix_fmt", "rgb24", "-f", "rawvideo", "-"}).output;
-    if (rgb.size() != std::size_t{3} * kWidth * kHeight) return -1;
-    const auto* pixels = reinterpret_cast<const std::uint8_t*>(rgb.data());
-    return media::read_frame_number(pixels, kWidth, kHeight, 3U * kWidth).value_or(-1);
+    const std::vector<std::uint8_t> pixels = screen.read_screen();
+    if (pixels.empty()) return -1;
+    const auto stride = static_cast<std::size_t>(3 * screen.width());
+    return media::read_frame_number(pixels.data(), screen.width(), screen.height(), stride).value_or(-1);
 }
 
 /// Three numbers that the screen shows one after the other, or fewer when it does not within the bound.
-std::vector<int> numbers_on(peers::BareScreen& screen, const StreamCall& call)
+std::vector<int> numbers_on(peers::Compositor& screen, const StreamCall& call)
 {
     std::vector<int> shown;
     const auto start = std::chrono::steady_clock::now();
@@ -104,7 +101,7 @@ std::vector<int> numbers_on(peers::BareScreen& screen, const StreamCall& call)
     // screen.
     const auto end = [&] { return start + (shown.empty() ? kPatience / 4 : kPatience); };
     while (shown.size() < 3 && !call.has_ended() && std::chrono::steady_clock::now() < end()) {
-        const int number = number_in_picture(screen.take_picture());
+        const int number = number_on(screen);
         if (number >= 0 && (shown.empty() || shown.back() != number)) shown.push_back(number);
     }
     return shown;
@@ -237,7 +234,7 @@ TEST_F(SplitCamera, CameraThatIsNotThereEndsTheCallWithItsError)
 TEST_F(SplitCamera, WindowShowsTheCamera)
 {
     const peers::RtspPeer camera(RTSP_PEER, {"play", "--live", "--size", "640x360"});
-    peers::BareScreen screen(640, 360);
+    peers::Compositor screen(640, 360);
     ASSERT_TRUE(camera.port() != 0 && screen.is_ready());
     const ConfigFile config(pair(camera.url(), R"(, "outputType": "wayland", "outputAddr": "")"));
     std::vector<int> shown;

@@ -2,30 +2,10 @@
 
 #include "velstream.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 
 namespace velstream::testing {
-
-TemporaryFolder::TemporaryFolder()
-{
-    std::string pattern = (std::filesystem::temp_directory_path() / "velstream-test-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("no temporary folder");
-    path_ = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-std::string TemporaryFolder::file(std::string_view name) const
-{
-    return path_ + "/" + std::string(name);
-}
 
 ConfigFile::ConfigFile(std::string_view text)
     : path_(folder_.file("velstream-gst.conf")), entry_point_path_(Quorvis::VelStream::g_stream_conf_file),

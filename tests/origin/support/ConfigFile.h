@@ -1,25 +1,12 @@
 // A configuration file of a test's own.
 #pragma once
 
+#include "temporary_folder.h"
+
 #include <string>
 #include <string_view>
 
 namespace velstream::testing {
-
-/// A folder that is removed with everything in it.
-class TemporaryFolder {
-public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    /// Path of a file in the folder; the file need not exist.
-    std::string file(std::string_view name) const;
-
-private:
-    std::string path_;
-};
 
 /// Points both readers to a file with this text for the life of the object.
 class ConfigFile {
