@@ -59,7 +59,7 @@ protected:
         expect_none({kind, config.path(), "none", "", "10"});
     }
 
-    std::string make_clip(int frames = 60, const std::string& codec = "h264") const
+    std::string make_clip(int frames = 60, const std::string& codec = "h264", bool has_noise = false) const
     {
         media::MediaSpec spec;
         spec.codec = codec;
@@ -67,6 +67,7 @@ protected:
         spec.height = 180;
         spec.frames = frames;
         spec.has_audio = codec == "h264";
+        spec.has_noise = has_noise;
         const std::string path = folder_.file("clip.mp4");
         make_video(spec, path);
         return path;
@@ -121,7 +122,8 @@ TEST_F(Leaks, OfAStreamToAnRtmpServerAreNone)
 TEST_F(Leaks, OfAStreamFromAnRtmpServerAreNone)
 {
     peers::RtmpServer server;
-    const peers::RtmpPublisher publisher(make_clip(), server.url());
+    // As much data as a camera sends: a stop waits for the next 4 KiB, and not for long.
+    const peers::RtmpPublisher publisher(make_clip(60, "h264", true), server.url());
     ASSERT_TRUE(server.wait_for("publish:"));
     expect_none({"rtmp", server.url() + " live=1", "none", "", "10"});
 }

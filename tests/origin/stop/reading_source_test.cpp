@@ -1,0 +1,115 @@
+// A source whose read nothing wakes, as an RTMP client's: whoever closes its connection must not do so under the read.
+#include "Elements.h"
+#include "StreamBuildRegistry.h"
+#include "gst_handles.h"
+
+#include <gst/base/gstpushsrc.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <thread>
+
+namespace velstream::testing {
+
+namespace {
+
+using velstream::handles::BusPtr;
+using velstream::handles::ElementPtr;
+using velstream::handles::MessagePtr;
+
+std::atomic<bool> is_reading = false;
+std::atomic<bool> is_silent = false;
+std::atomic<int> buffers = 0;
+std::atomic<int> closed_under_read = 0;
+
+/// Data comes every 20 ms, or none until the element goes down.
+GstFlowReturn read(GstPushSrc*, GstBuffer** buffer)
+{
+    is_reading = true;
+    const int closed = closed_under_read;
+    do
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    while (is_silent && closed == closed_under_read);
+    is_reading = false;
+    if (is_silent) return GST_FLOW_FLUSHING;
+    *buffer = gst_buffer_new_allocate(nullptr, 16, nullptr);
+    ++buffers;
+    return GST_FLOW_OK;
+}
+
+gboolean close_connection(GstBaseSrc*)
+{
+    if (is_reading) ++closed_under_read;
+    return TRUE;
+}
+
+void init_class(gpointer source_class, gpointer)
+{
+    GstCaps* caps = gst_caps_new_any();
+    gst_element_class_add_pad_template(GST_ELEMENT_CLASS(source_class),
+                                       gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
+    gst_caps_unref(caps);
+    gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(source_class), "Reader", "Test", "Reads slowly",
+                                          "velstream-gst");
+    GST_PUSH_SRC_CLASS(source_class)->create = read;
+    GST_BASE_SRC_CLASS(source_class)->unlock = close_connection;
+}
+
+GType reader_type()
+{
+    static const GType type = g_type_register_static_simple(GST_TYPE_PUSH_SRC, "TestReader", sizeof(GstPushSrcClass),
+                                                            init_class, sizeof(GstPushSrc), nullptr, GTypeFlags{});
+    return type;
+}
+
+class ReadingSource : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        gst_init(nullptr, nullptr);
+        reader_.emplace("rtmpsrc", reader_type());
+        pipeline_.reset(gst_parse_launch("rtmpsrc ! fakesink", nullptr));
+        gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
+    }
+    void TearDown() override
+    {
+        gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+        pipeline_.reset();
+    }
+
+    bool wait_for_end() const
+    {
+        const BusPtr bus(gst_element_get_bus(pipeline_.get()));
+        const MessagePtr message(gst_bus_timed_pop_filtered(bus.get(), 60 * GST_SECOND,
+                                                            GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
+        return message && GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS;
+    }
+
+    std::optional<ElementStandIn> reader_;
+    ElementPtr pipeline_;
+};
+
+} // namespace
+
+TEST_F(ReadingSource, IsEndedBetweenTwoReads)
+{
+    while (buffers < 3)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    Quorvis::VelStream::send_end_of_stream(pipeline_.get());
+    EXPECT_TRUE(wait_for_end());
+    gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+    EXPECT_EQ(closed_under_read, 0);
+}
+
+TEST_F(ReadingSource, ThatGetsNothingIsEndedAllTheSame)
+{
+    is_silent = true;
+    while (!is_reading)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    Quorvis::VelStream::send_end_of_stream(pipeline_.get());
+    EXPECT_TRUE(wait_for_end());
+}
+
+} // namespace velstream::testing
