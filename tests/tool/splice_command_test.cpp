@@ -58,14 +58,14 @@ TEST_F(SpliceTool, CountsEveryFrameThatFfprobeCounts)
 TEST_F(SpliceTool, CountsSlicesOfAPictureOnce)
 {
     const std::string path = (folder_ / "slices.h265").string();
-    // On one thread: with more, x265 crashes over slices once in many runs.
-    ASSERT_EQ(
-        run_command(
-            "ffmpeg -v error -f lavfi -i testsrc2=size=640x360:rate=25:duration=3 -c:v libx265 "
-            "-x265-params log-level=none:open-gop=1:keyint=25:bframes=4:slices=2:aud=1:pools=none:frame-threads=1 " +
-            path)
-            .status,
-        0);
+    int status = -1;
+    // x265 itself crashes over slices, once in some hundred runs.
+    for (int attempt = 0; attempt < 5 && status != 0; ++attempt)
+        status = run_command("ffmpeg -v error -y -f lavfi -i testsrc2=size=640x360:rate=25:duration=3 -c:v libx265 "
+                             "-x265-params log-level=none:open-gop=1:keyint=25:bframes=4:slices=3:aud=1 " +
+                             path)
+                     .status;
+    ASSERT_EQ(status, 0);
     const Output output = splice(path + " --json");
     EXPECT_EQ(output.status, 0) << stderr_text();
     EXPECT_EQ(parse_json(output.text)["units"].asInt(), 75);

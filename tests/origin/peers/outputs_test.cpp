@@ -168,7 +168,8 @@ protected:
         media::MediaSpec spec;
         spec.width = video_width;
         spec.height = video_height;
-        spec.frames = 900; // half a minute: the sink shows them at their time
+        spec.fps = 10;
+        spec.frames = 900; // a minute and a half: the sink shows them at their time
         const std::string input = folder_.file("in.mp4");
         make_video(spec, input);
         const int shown_width = width ? width : video_width;
