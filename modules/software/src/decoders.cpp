@@ -135,6 +135,18 @@ bool is_recorded(GstPad* sink)
     return is_seekable;
 }
 
+/// While the decoder settles its buffer pool with what is behind it, a frame thread may get a buffer of another pool.
+/// Where pictures are cropped its size is another, and GStreamer 1.26 ends the process over that: one start in some
+/// hundred.
+bool frame_threads_need_own_buffers()
+{
+    guint major = 0;
+    guint minor = 0;
+    guint ignored = 0;
+    gst_version(&major, &minor, &ignored, &ignored);
+    return major > 1 || minor >= 24;
+}
+
 /// Frame threads decode recorded media fastest, but each holds a frame back, which nobody wants of a source that runs
 /// in real time: RTMP and an appsrc do not always say that they are live. Two more threads than processors keep all of
 /// them busy while the bridge copies.
@@ -143,6 +155,7 @@ void choose_threads(GstElement* decoder, GstPad* sink)
     if (is_recorded(sink)) {
         gst_util_set_object_arg(G_OBJECT(decoder), "thread-type", "0");
         g_object_set(decoder, "max-threads", static_cast<gint>(std::min(g_get_num_processors() + 2, 16U)), nullptr);
+        if (frame_threads_need_own_buffers()) g_object_set(decoder, "direct-rendering", FALSE, nullptr);
     } else {
         gst_util_set_object_arg(G_OBJECT(decoder), "thread-type", "slice");
         g_object_set(decoder, "max-threads", 0, nullptr);
