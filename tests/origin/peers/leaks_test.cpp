@@ -21,15 +21,6 @@ namespace {
 
 constexpr int kLong = 900; ///< frames of a clip that does not end before its stream is stopped
 
-bool is_gstreamer_at_least(guint major, guint minor)
-{
-    guint is_major = 0;
-    guint is_minor = 0;
-    guint ignored = 0;
-    gst_version(&is_major, &is_minor, &ignored, &ignored);
-    return is_major > major || (is_major == major && is_minor >= minor);
-}
-
 class Leaks : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
@@ -196,9 +187,9 @@ TEST_F(Leaks, OfARollingRecorderAreNone)
     const ConfigFile config(recorded_entry("rtsp", camera.url()));
     // GStreamer 1.26's splitmuxsink loses the muxer that it is given and, finishing segments behind its back, never
     // uses.
-    const bool sink_loses_muxer = is_gstreamer_at_least(1, 24);
+    constexpr bool kSinkLosesMuxer = GST_CHECK_VERSION(1, 24, 0);
     for (const std::string& object : left_by({"rolling", config.path(), "deinit"})) {
-        if (!sink_loses_muxer || object.find("<mp4mux0") == std::string::npos) ADD_FAILURE() << object;
+        if (!kSinkLosesMuxer || object.find("<mp4mux0") == std::string::npos) ADD_FAILURE() << object;
     }
 }
 
