@@ -7,6 +7,7 @@
 #include "StreamBuildRegistry.h"
 #include "StreamBuildScope.h"
 #include "StreamCommon.h"
+#include "StreamRollingSegments.h"
 
 #include <algorithm>
 #include <atomic>
@@ -170,13 +171,20 @@ GstPadProbeReturn mend_times(GstPad*, GstPadProbeInfo* info, gpointer times)
     return GST_PAD_PROBE_OK;
 }
 
-void watch_times(GstElement* pipeline)
+void watch_times(GstElement* sink)
 {
-    const ElementPtr sink(gst_bin_get_by_name(GST_BIN(pipeline), "rec"));
-    const PadPtr pad(sink ? gst_element_get_static_pad(sink.get(), "video") : nullptr);
+    const PadPtr pad(gst_element_get_static_pad(sink, "video"));
     if (!pad) return;
     gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, mend_times, new RecordedTimes,
                       [](gpointer times) { delete static_cast<RecordedTimes*>(times); });
+}
+
+void prepare_recorder(GstElement* pipeline)
+{
+    const ElementPtr sink(gst_bin_get_by_name(GST_BIN(pipeline), "rec"));
+    if (!sink) return;
+    watch_times(sink.get());
+    order_segments(sink.get());
 }
 
 // ---- SIGINT ----
@@ -346,7 +354,7 @@ int start_rolling_save(std::string stream_id)
     get_configuration_properties(stream_id, property); // without an entry the defaults stand
     ElementPtr pipeline = make_pipeline(property, stream_id);
     if (!pipeline) return -1;
-    watch_times(pipeline.get());
+    prepare_recorder(pipeline.get());
     register_pipeline(stream_id, pipeline.get());
     PiplineData data;
     data.streamId = stream_id;
