@@ -2,14 +2,11 @@
 #include "media.h"
 #include "process.h"
 #include "rtmp_server.h"
+#include "silent_server.h"
 #include "tool_fixture.h"
 
 #include <fstream>
 #include <sstream>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 namespace {
 
@@ -32,30 +29,6 @@ protected:
         text << std::ifstream(folder_ / "results").rdbuf();
         return parse_json(text.str());
     }
-};
-
-/// Accepts connections, as the kernel does, and never says a word.
-class SilentServer {
-public:
-    SilentServer()
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        if (bind(socket_, generic, length) == 0 && listen(socket_, 8) == 0 &&
-            getsockname(socket_, generic, &length) == 0)
-            port_ = ntohs(address.sin_port);
-    }
-    ~SilentServer() { close(socket_); }
-    SilentServer(const SilentServer&) = delete;
-    SilentServer& operator=(const SilentServer&) = delete;
-    int port() const { return port_; }
-
-private:
-    int socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int port_ = 0;
 };
 
 } // namespace
@@ -220,7 +193,7 @@ INSTANTIATE_TEST_SUITE_P(All, LiveToolSignal, testing::Values(SIGINT, SIGTERM), 
 
 TEST_F(LiveTool, SilentCameraIsToldAndCanBeInterrupted)
 {
-    const SilentServer server;
+    const velstream::testing::SilentServer server;
     ASSERT_NE(server.port(), 0);
     write_clip(1, entry("camera", "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/test"));
     peers::ChildProcess tool = start("run camera");

@@ -1,5 +1,6 @@
 #include "StreamBuildRegistry.h"
 
+#include "RtmpSource.h"
 #include "StreamBuild.h"
 #include "StreamBuildReencode.h"
 #include "velstreamFrames.h"
@@ -7,9 +8,7 @@
 #include <gst/app/gstappsrc.h>
 
 #include <algorithm>
-#include <atomic>
 #include <memory>
-#include <string_view>
 #include <thread>
 
 namespace Quorvis::VelStream {
@@ -117,6 +116,7 @@ bool wait_until_started(GstElement* source)
         GST_OBJECT_UNLOCK(source);
         if (goes_down || is_left) return false;
         if (is_started) return true;
+        if (is_rtmp_source(source)) give_up_connecting(source);
         std::this_thread::sleep_for(kPoll);
     }
     return false;
@@ -131,39 +131,6 @@ GstPadProbeReturn end_pad(GstPad* pad, GstPadProbeInfo*, gpointer)
     return GST_PAD_PROBE_REMOVE;
 }
 
-/// An RTMP source that is asked to end, or goes down, closes its connection, though its thread reads from it: that read
-/// then waits for two minutes unless the server happens to answer in time. With the next data in its hands the thread
-/// does not read; it takes the end along, and reads no more.
-bool closes_under_its_read(GstElement* source)
-{
-    const GstElementFactory* factory = gst_element_get_factory(source);
-    return factory && std::string_view(GST_OBJECT_NAME(factory)) == "rtmpsrc";
-}
-
-using Flag = std::shared_ptr<std::atomic<bool>>;
-
-GstPadProbeReturn end_pad_and_note(GstPad* pad, GstPadProbeInfo* info, gpointer is_ended)
-{
-    **static_cast<Flag*>(is_ended) = true;
-    return end_pad(pad, info, nullptr);
-}
-
-/// Has a source's thread send the end in place of the next data, and waits until it has stopped.
-/// @return false when no data came in time
-bool end_with_next_data(GstElement* source)
-{
-    constexpr std::chrono::milliseconds kBound{500};
-    constexpr std::chrono::milliseconds kPoll{5};
-    const PadPtr pad(gst_element_get_static_pad(source, "src"));
-    const Flag is_ended = std::make_shared<std::atomic<bool>>(false);
-    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, end_pad_and_note, new Flag(is_ended),
-                      [](gpointer flag) { delete static_cast<Flag*>(flag); });
-    const auto deadline = std::chrono::steady_clock::now() + kBound;
-    while (gst_pad_get_task_state(pad.get()) == GST_TASK_STARTED && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(kPoll);
-    return *is_ended;
-}
-
 /// A source that is one element takes the event itself: its loop sends it behind the last data. A source that is a bin
 /// (an RTSP client) would hand it to elements that it releases at the same moment when it goes to NULL; there the event
 /// enters the pipeline behind the source's pads. An application's source has a queue of its own, which the plain event
@@ -176,7 +143,7 @@ void end_source(GstElement* source)
     }
     if (!GST_IS_BIN(source)) {
         if (!wait_until_started(source)) return;
-        if (closes_under_its_read(source) && end_with_next_data(source)) return;
+        if (is_rtmp_source(source) && (end_with_next_data(source) || hang_up(source))) return;
         GST_ELEMENT_GET_CLASS(source)->send_event(source, gst_event_new_eos());
         return;
     }

@@ -2,6 +2,7 @@
 
 #include "ElementTools.h"
 #include "Log.h"
+#include "RtmpSource.h"
 #include "StreamBuildMessages.h"
 
 #include <system_error>
@@ -67,6 +68,7 @@ bool RunScope::play()
     data_->bus = gst_element_get_bus(data_->pipeline);
     note_playing(data_->pipeline);
     run_->note_playing();
+    const StartingThread here(data_->pipeline);
     if (gst_element_set_state(data_->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
         // The element's own error comes first on the bus; this one is for an element that fails without a word.
         GST_ELEMENT_ERROR(data_->pipeline, CORE, STATE_CHANGE, ("The pipeline cannot be set to PLAYING."), (nullptr));
@@ -148,12 +150,14 @@ std::future<void> set_null_elsewhere(GstElement* pipeline)
     // is released before it says so: who waited for it has the last one.
     try {
         std::thread([kept = ElementPtr(GST_ELEMENT(gst_object_ref(pipeline))), told = std::move(done)]() mutable {
+            hang_up_rtmp_sources(kept.get());
             gst_element_set_state(kept.get(), GST_STATE_NULL);
             kept.reset();
             told.set_value();
         }).detach();
     } catch (const std::system_error&) {
         // No thread is to be had: the caller waits here, and the lost promise ends its wait.
+        hang_up_rtmp_sources(pipeline);
         gst_element_set_state(pipeline, GST_STATE_NULL);
     }
     return result;
@@ -167,9 +171,9 @@ void clear_pipeline(GstElement* pipeline)
     }
 }
 
-/// A source that waits for a server in a read of its own may keep the pipeline from coming down for as long as the
-/// server is silent (rtmpsrc closes the socket, which wakes no reader), whether a stop or an error of another element
-/// ended the stream. Nothing of it reaches the caller any more once all behind it is down: the caller need not wait.
+/// A source that waits for a server in a read of its own, and could not be made to hang up, may keep the pipeline from
+/// coming down for as long as the server is silent, whether a stop or an error of another element ended the stream.
+/// Nothing of it reaches the caller any more once all behind it is down: the caller need not wait.
 void release_pipeline(PiplineData* data)
 {
     const BusPtr bus = take_bus(data);

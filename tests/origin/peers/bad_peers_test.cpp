@@ -7,6 +7,7 @@
 #include "frame_numbers.h"
 #include "process.h"
 #include "rtmp_server.h"
+#include "silent_server.h"
 
 #include <algorithm>
 #include <atomic>
@@ -211,6 +212,15 @@ TEST_F(BadPeer, RtmpServerThatFallsSilentIsStoppedAllTheSame)
     while (call.wait_for_frames(call.frames() + 1, std::chrono::seconds(1))) {
     }
     EXPECT_TRUE(stop_ends_call(call, "camera"));
+}
+
+TEST_F(BadPeer, RtmpServerThatNeverAnswersIsStoppedAllTheSame)
+{
+    SilentServer server;
+    const ConfigFile config(entry("rtmp", "rtmp://127.0.0.1:" + std::to_string(server.port()) + "/live/camera live=1"));
+    StreamCall call(configured_stream("camera"));
+    ASSERT_TRUE(server.take_request(kPatience));
+    EXPECT_TRUE(stop_ends_call(call, "camera")) << log_text();
 }
 
 TEST_F(BadPeer, RtmpServerThatFallsSilentDoesNotHoldUpAnOutputsFailure)

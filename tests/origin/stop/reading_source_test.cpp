@@ -1,15 +1,19 @@
 // A source whose read nothing wakes, as an RTMP client's: whoever closes its connection must not do so under the read.
 #include "Elements.h"
 #include "StreamBuildRegistry.h"
+#include "StreamBuildScope.h"
 #include "gst_handles.h"
 
 #include <gst/base/gstpushsrc.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <optional>
 #include <thread>
+#include <utility>
 
 namespace velstream::testing {
 
@@ -19,21 +23,23 @@ using velstream::handles::BusPtr;
 using velstream::handles::ElementPtr;
 using velstream::handles::MessagePtr;
 
+int connection[2]; // the source's end, and the server's
 std::atomic<bool> is_reading = false;
 std::atomic<bool> is_silent = false;
 std::atomic<int> buffers = 0;
 std::atomic<int> closed_under_read = 0;
 
-/// Data comes every 20 ms, or none until the element goes down.
+/// Data comes every 20 ms, or none for as long as the connection is open.
 GstFlowReturn read(GstPushSrc*, GstBuffer** buffer)
 {
     is_reading = true;
-    const int closed = closed_under_read;
-    do
+    char data = 0;
+    if (is_silent)
+        recv(connection[0], &data, sizeof data, 0);
+    else
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    while (is_silent && closed == closed_under_read);
     is_reading = false;
-    if (is_silent) return GST_FLOW_FLUSHING;
+    if (is_silent) return GST_FLOW_EOS;
     *buffer = gst_buffer_new_allocate(nullptr, 16, nullptr);
     ++buffers;
     return GST_FLOW_OK;
@@ -69,14 +75,23 @@ protected:
     void SetUp() override
     {
         gst_init(nullptr, nullptr);
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, connection), 0);
         reader_.emplace("rtmpsrc", reader_type());
         pipeline_.reset(gst_parse_launch("rtmpsrc ! fakesink", nullptr));
         gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
     }
     void TearDown() override
     {
-        gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+        if (pipeline_) gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
         pipeline_.reset();
+        close(connection[0]);
+        close(connection[1]);
+    }
+
+    static void wait_for_reader()
+    {
+        while (!is_reading)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
     bool wait_for_end() const
@@ -103,13 +118,22 @@ TEST_F(ReadingSource, IsEndedBetweenTwoReads)
     EXPECT_EQ(closed_under_read, 0);
 }
 
-TEST_F(ReadingSource, ThatGetsNothingIsEndedAllTheSame)
+TEST_F(ReadingSource, ThatGetsNothingIsHungUp)
 {
     is_silent = true;
-    while (!is_reading)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    wait_for_reader();
     Quorvis::VelStream::send_end_of_stream(pipeline_.get());
     EXPECT_TRUE(wait_for_end());
+    gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+    EXPECT_EQ(closed_under_read, 0);
+}
+
+TEST_F(ReadingSource, ThatGetsNothingIsHungUpBeforeItGoesDown)
+{
+    is_silent = true;
+    wait_for_reader();
+    EXPECT_TRUE(Quorvis::VelStream::take_down(std::move(pipeline_), std::chrono::minutes(1)));
+    EXPECT_EQ(closed_under_read, 0);
 }
 
 } // namespace velstream::testing

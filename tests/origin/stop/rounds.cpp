@@ -3,12 +3,9 @@
 #include "LiveInput.h"
 #include "StreamBuild.h"
 #include "recording_log.h"
+#include "silent_server.h"
 
-#include <arpa/inet.h>
 #include <gst/gst.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <barrier>
@@ -27,45 +24,6 @@ using Quorvis::VelStream::send_eos;
 using Quorvis::VelStream::StreamOutputMp4sink;
 
 constexpr int kStreams = 8;
-
-/// Takes a connection and never says a word.
-class SilentServer {
-public:
-    SilentServer() : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        auto* any = reinterpret_cast<sockaddr*>(&address);
-        if (bind(socket_, any, size) == 0 && listen(socket_, 8) == 0 && getsockname(socket_, any, &size) == 0)
-            port_ = ntohs(address.sin_port);
-    }
-    ~SilentServer()
-    {
-        if (connection_ >= 0) close(connection_);
-        close(socket_);
-    }
-    SilentServer(const SilentServer&) = delete;
-    SilentServer& operator=(const SilentServer&) = delete;
-
-    /// Waits for a client and its first words.
-    bool take_request()
-    {
-        pollfd waited{socket_, POLLIN, 0};
-        const int bound = static_cast<int>(std::chrono::milliseconds(kPatience).count());
-        if (poll(&waited, 1, bound) != 1) return false;
-        connection_ = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
-        pollfd request{connection_, POLLIN, 0};
-        return poll(&request, 1, bound) == 1;
-    }
-    std::string url() const { return "rtsp://127.0.0.1:" + std::to_string(port_) + "/test"; }
-
-private:
-    int socket_;
-    int connection_ = -1;
-    int port_ = 0;
-};
 
 int complain(const std::string& text)
 {
@@ -119,8 +77,8 @@ int stop_rtsp(const std::string& url, int frames, pid_t stalled_server = 0)
 int stop_rtsp_silent()
 {
     SilentServer server;
-    StreamCall call(rtsp_stream(server.url()));
-    if (!server.take_request()) return complain("no client");
+    StreamCall call(rtsp_stream("rtsp://127.0.0.1:" + std::to_string(server.port()) + "/test"));
+    if (!server.take_request(kPatience)) return complain("no client");
     return check_stop(call, "camera");
 }
 

@@ -1,0 +1,158 @@
+#include "RtmpSource.h"
+
+#include "Handles.h"
+
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <ios>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <thread>
+
+namespace Quorvis::VelStream {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Flag = std::shared_ptr<std::atomic<bool>>;
+
+constexpr std::chrono::milliseconds kPoll{5};
+
+bool is_at_work(GstPad* pad)
+{
+    return gst_pad_get_task_state(pad) == GST_TASK_STARTED;
+}
+
+GstPadProbeReturn end_pad(GstPad* pad, GstPadProbeInfo*, gpointer is_ended)
+{
+    **static_cast<Flag*>(is_ended) = true;
+    const PadPtr peer(gst_pad_get_peer(pad));
+    if (peer) gst_pad_send_event(peer.get(), gst_event_new_eos());
+    return GST_PAD_PROBE_REMOVE;
+}
+
+/// What a thread of this process is called, as GStreamer names those that push from a pad.
+std::string thread_name_of(GstElement* source)
+{
+    constexpr std::size_t kLongestName = 15; // the kernel's
+    return (std::string(GST_OBJECT_NAME(source)) + ":src").substr(0, kLongestName);
+}
+
+/// The socket that a thread waits for, from the kernel's "number argument argument ..." of the call it is in. Neither
+/// the source nor its library tells it.
+std::optional<int> socket_awaited_by(const std::filesystem::path& thread)
+{
+    std::ifstream call(thread / "syscall");
+    long number = -1;
+    int socket = -1;
+    if (!(call >> number >> std::hex >> socket)) return std::nullopt;
+    return number == SYS_recvfrom || number == SYS_connect ? std::optional(socket) : std::nullopt;
+}
+
+/// Has the call return in which a thread waits for a socket. What is still said to the server goes out.
+void wake(const std::filesystem::path& thread)
+{
+    if (const std::optional<int> socket = socket_awaited_by(thread)) shutdown(*socket, SHUT_RD);
+}
+
+constexpr const char* kThreads = "/proc/self/task";
+
+void wake_thread_called(const std::string& name)
+{
+    std::error_code error;
+    for (const auto& thread : std::filesystem::directory_iterator(kThreads, error)) {
+        std::string its_name;
+        std::getline(std::ifstream(thread.path() / "comm"), its_name);
+        if (its_name == name) wake(thread.path());
+    }
+}
+
+GQuark starting_thread()
+{
+    static const GQuark quark = g_quark_from_static_string("velstream-starting-thread");
+    return quark;
+}
+
+/// The pipeline that a source is in, however deep; null for one that has left it.
+ElementPtr pipeline_of(GstElement* source)
+{
+    ElementPtr element(GST_ELEMENT(gst_object_ref(source)));
+    while (element && !GST_IS_PIPELINE(element.get()))
+        element.reset(GST_ELEMENT(gst_object_get_parent(GST_OBJECT(element.get()))));
+    return element;
+}
+
+void hang_up_element(const GValue* value, gpointer)
+{
+    hang_up(GST_ELEMENT(g_value_get_object(value)));
+}
+
+} // namespace
+
+bool is_rtmp_source(const GstElement* element)
+{
+    const GstElementFactory* factory = gst_element_get_factory(const_cast<GstElement*>(element));
+    return factory && std::string_view(GST_OBJECT_NAME(factory)) == "rtmpsrc";
+}
+
+bool end_with_next_data(GstElement* source)
+{
+    constexpr std::chrono::milliseconds kBound{500};
+    const PadPtr pad(gst_element_get_static_pad(source, "src"));
+    const Flag is_ended = std::make_shared<std::atomic<bool>>(false);
+    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, end_pad, new Flag(is_ended),
+                      [](gpointer flag) { delete static_cast<Flag*>(flag); });
+    const auto deadline = Clock::now() + kBound;
+    while (is_at_work(pad.get()) && Clock::now() < deadline)
+        std::this_thread::sleep_for(kPoll);
+    return *is_ended;
+}
+
+bool hang_up(GstElement* source)
+{
+    constexpr std::chrono::milliseconds kBound{300};
+    const PadPtr pad(gst_element_get_static_pad(source, "src"));
+    const std::string thread = thread_name_of(source);
+    const auto deadline = Clock::now() + kBound;
+    while (is_at_work(pad.get())) {
+        if (Clock::now() >= deadline) return false;
+        wake_thread_called(thread);
+        std::this_thread::sleep_for(kPoll);
+    }
+    return true;
+}
+
+StartingThread::StartingThread(GstElement* pipeline) : pipeline_(pipeline)
+{
+    g_object_set_qdata(G_OBJECT(pipeline_), starting_thread(), GINT_TO_POINTER(gettid()));
+}
+
+StartingThread::~StartingThread()
+{
+    g_object_set_qdata(G_OBJECT(pipeline_), starting_thread(), nullptr);
+}
+
+void give_up_connecting(GstElement* source)
+{
+    const ElementPtr pipeline = pipeline_of(source);
+    const int thread = pipeline ? GPOINTER_TO_INT(g_object_get_qdata(G_OBJECT(pipeline.get()), starting_thread())) : 0;
+    if (thread != 0) wake(std::filesystem::path(kThreads) / std::to_string(thread));
+}
+
+void hang_up_rtmp_sources(GstElement* pipeline)
+{
+    const IteratorPtr sources(gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), "rtmpsrc"));
+    while (gst_iterator_foreach(sources.get(), hang_up_element, nullptr) == GST_ITERATOR_RESYNC)
+        gst_iterator_resync(sources.get());
+}
+
+} // namespace Quorvis::VelStream
