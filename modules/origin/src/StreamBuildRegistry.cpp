@@ -1,6 +1,6 @@
 #include "StreamBuildRegistry.h"
 
-#include "RtmpSource.h"
+#include "RtmpConnection.h"
 #include "StreamBuild.h"
 #include "StreamBuildReencode.h"
 #include "velstreamFrames.h"

@@ -2,7 +2,7 @@
 
 #include "ElementTools.h"
 #include "Log.h"
-#include "RtmpSource.h"
+#include "RtmpConnection.h"
 #include "StreamBuildMessages.h"
 
 #include <system_error>
@@ -150,14 +150,14 @@ std::future<void> set_null_elsewhere(GstElement* pipeline)
     // is released before it says so: who waited for it has the last one.
     try {
         std::thread([kept = ElementPtr(GST_ELEMENT(gst_object_ref(pipeline))), told = std::move(done)]() mutable {
-            hang_up_rtmp_sources(kept.get());
+            hang_up_rtmp(kept.get());
             gst_element_set_state(kept.get(), GST_STATE_NULL);
             kept.reset();
             told.set_value();
         }).detach();
     } catch (const std::system_error&) {
         // No thread is to be had: the caller waits here, and the lost promise ends its wait.
-        hang_up_rtmp_sources(pipeline);
+        hang_up_rtmp(pipeline);
         gst_element_set_state(pipeline, GST_STATE_NULL);
     }
     return result;

@@ -4,6 +4,8 @@
 #include "Platform.h"
 #include "RecordedLog.h"
 #include "StreamBuild.h"
+#include "StreamInput.h"
+#include "StreamOutput.h"
 #include "frame_numbers.h"
 #include "process.h"
 #include "rtmp_server.h"
@@ -219,6 +221,20 @@ TEST_F(BadPeer, RtmpServerThatNeverAnswersIsStoppedAllTheSame)
     SilentServer server;
     const ConfigFile config(entry("rtmp", "rtmp://127.0.0.1:" + std::to_string(server.port()) + "/live/camera live=1"));
     StreamCall call(configured_stream("camera"));
+    ASSERT_TRUE(server.take_request(kPatience));
+    EXPECT_TRUE(stop_ends_call(call, "camera")) << log_text();
+}
+
+TEST_F(BadPeer, RtmpServerThatNeverTakesThePushIsNotWaitedForByAStop)
+{
+    const std::string clip = make_clip(false);
+    SilentServer server;
+    const ConfigFile config(entry("file", clip));
+    Quorvis::VelStream::StreamInputFile in(clip, "camera");
+    Quorvis::VelStream::StreamOutputRtmpsink out("rtmp://127.0.0.1:" + std::to_string(server.port()) + "/live/camera");
+    out.set_stream_id("camera");
+    StreamCall call(
+        [&](FrameCallback& callback) { return Quorvis::VelStream::startStream(&in, &out, "camera", callback); });
     ASSERT_TRUE(server.take_request(kPatience));
     EXPECT_TRUE(stop_ends_call(call, "camera")) << log_text();
 }

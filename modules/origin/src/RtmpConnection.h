@@ -1,4 +1,4 @@
-// Ending GStreamer's RTMP source, which frees its connection under the read that its own thread is in.
+// Ending the connections of GStreamer's RTMP elements, in which their threads wait for a server and nothing wakes them.
 #pragma once
 
 #include <gst/gst.h>
@@ -35,7 +35,8 @@ private:
 /// would take the pipeline down gets at it meanwhile. Does nothing while the starting thread is busy elsewhere.
 void give_up_connecting(GstElement* source);
 
-/// hang_up() for every RTMP source in a pipeline that is about to go down.
-void hang_up_rtmp_sources(GstElement* pipeline);
+/// Has every RTMP source in a pipeline that is about to go down hang up, and every RTMP sink that waits for its server:
+/// the pipeline would wait with it.
+void hang_up_rtmp(GstElement* pipeline);
 
 } // namespace Quorvis::VelStream

@@ -1,4 +1,4 @@
-#include "RtmpSource.h"
+#include "RtmpConnection.h"
 
 #include "Handles.h"
 
@@ -26,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 using Flag = std::shared_ptr<std::atomic<bool>>;
 
 constexpr std::chrono::milliseconds kPoll{5};
+constexpr std::chrono::milliseconds kHangUpBound{300};
 
 bool is_at_work(GstPad* pad)
 {
@@ -47,33 +48,45 @@ std::string thread_name_of(GstElement* source)
     return (std::string(GST_OBJECT_NAME(source)) + ":src").substr(0, kLongestName);
 }
 
-/// The socket that a thread waits for, from the kernel's "number argument argument ..." of the call it is in. Neither
-/// the source nor its library tells it.
-std::optional<int> socket_awaited_by(const std::filesystem::path& thread)
+struct AwaitedSocket {
+    int socket;
+    int direction; ///< That is waited for, as shutdown() takes it.
+};
+
+/// What a thread waits for, from the kernel's "number argument argument ..." of the call it is in. Neither the elements
+/// nor their library tell it.
+std::optional<AwaitedSocket> socket_awaited_by(const std::filesystem::path& thread)
 {
     std::ifstream call(thread / "syscall");
     long number = -1;
     int socket = -1;
     if (!(call >> number >> std::hex >> socket)) return std::nullopt;
-    return number == SYS_recvfrom || number == SYS_connect ? std::optional(socket) : std::nullopt;
+    if (number == SYS_recvfrom || number == SYS_connect) return AwaitedSocket{socket, SHUT_RD};
+    if (number == SYS_sendto) return AwaitedSocket{socket, SHUT_RDWR};
+    return std::nullopt;
 }
 
-/// Has the call return in which a thread waits for a socket. What is still said to the server goes out.
-void wake(const std::filesystem::path& thread)
+/// Has the call return in which a thread waits for a socket. What is still said to a server that was listened to goes
+/// out.
+/// @return false when it was in no such call
+bool wake(const std::filesystem::path& thread)
 {
-    if (const std::optional<int> socket = socket_awaited_by(thread)) shutdown(*socket, SHUT_RD);
+    const std::optional<AwaitedSocket> awaited = socket_awaited_by(thread);
+    if (awaited) shutdown(awaited->socket, awaited->direction);
+    return awaited.has_value();
 }
 
 constexpr const char* kThreads = "/proc/self/task";
 
-void wake_thread_called(const std::string& name)
+bool wake_thread_called(const std::string& name)
 {
     std::error_code error;
     for (const auto& thread : std::filesystem::directory_iterator(kThreads, error)) {
         std::string its_name;
         std::getline(std::ifstream(thread.path() / "comm"), its_name);
-        if (its_name == name) wake(thread.path());
+        if (its_name == name && wake(thread.path())) return true;
     }
+    return false;
 }
 
 GQuark starting_thread()
@@ -91,9 +104,32 @@ ElementPtr pipeline_of(GstElement* source)
     return element;
 }
 
-void hang_up_element(const GValue* value, gpointer)
+/// The element whose thread works in a sink: the muxer before it.
+ElementPtr feeder_of(GstElement* sink)
 {
-    hang_up(GST_ELEMENT(g_value_get_object(value)));
+    const PadPtr pad(gst_element_get_static_pad(sink, "sink"));
+    const PadPtr peer(pad ? gst_pad_get_peer(pad.get()) : nullptr);
+    return ElementPtr(peer ? gst_pad_get_parent_element(peer.get()) : nullptr);
+}
+
+/// A sink that is only busy is left alone: it comes down by itself.
+void hang_up_sink(GstElement* sink)
+{
+    const ElementPtr feeder = feeder_of(sink);
+    const auto deadline = Clock::now() + kHangUpBound;
+    while (feeder && wake_thread_called(thread_name_of(feeder.get())) && Clock::now() < deadline)
+        std::this_thread::sleep_for(kPoll);
+}
+
+template <typename Function>
+void for_each_made_by(GstElement* pipeline, const char* factory, Function function)
+{
+    const auto call = [](const GValue* value, gpointer data) {
+        (*static_cast<Function*>(data))(GST_ELEMENT(g_value_get_object(value)));
+    };
+    const IteratorPtr elements(gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), factory));
+    while (gst_iterator_foreach(elements.get(), call, &function) == GST_ITERATOR_RESYNC)
+        gst_iterator_resync(elements.get());
 }
 
 } // namespace
@@ -119,10 +155,9 @@ bool end_with_next_data(GstElement* source)
 
 bool hang_up(GstElement* source)
 {
-    constexpr std::chrono::milliseconds kBound{300};
     const PadPtr pad(gst_element_get_static_pad(source, "src"));
     const std::string thread = thread_name_of(source);
-    const auto deadline = Clock::now() + kBound;
+    const auto deadline = Clock::now() + kHangUpBound;
     while (is_at_work(pad.get())) {
         if (Clock::now() >= deadline) return false;
         wake_thread_called(thread);
@@ -148,11 +183,10 @@ void give_up_connecting(GstElement* source)
     if (thread != 0) wake(std::filesystem::path(kThreads) / std::to_string(thread));
 }
 
-void hang_up_rtmp_sources(GstElement* pipeline)
+void hang_up_rtmp(GstElement* pipeline)
 {
-    const IteratorPtr sources(gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), "rtmpsrc"));
-    while (gst_iterator_foreach(sources.get(), hang_up_element, nullptr) == GST_ITERATOR_RESYNC)
-        gst_iterator_resync(sources.get());
+    for_each_made_by(pipeline, "rtmpsrc", hang_up);
+    for_each_made_by(pipeline, "rtmpsink", hang_up_sink);
 }
 
 } // namespace Quorvis::VelStream
