@@ -14,7 +14,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <thread>
 
@@ -121,23 +120,30 @@ void hang_up_sink(GstElement* sink)
         std::this_thread::sleep_for(kPoll);
 }
 
-template <typename Function>
-void for_each_made_by(GstElement* pipeline, const char* factory, Function function)
+/// By its type: the factory of an element may be gone by the time that its pipeline goes down.
+bool is_of_type(const GstElement* element, const char* type)
 {
-    const auto call = [](const GValue* value, gpointer data) {
-        (*static_cast<Function*>(data))(GST_ELEMENT(g_value_get_object(value)));
-    };
-    const IteratorPtr elements(gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), factory));
-    while (gst_iterator_foreach(elements.get(), call, &function) == GST_ITERATOR_RESYNC)
-        gst_iterator_resync(elements.get());
+    const GType known = g_type_from_name(type); // once an element of it has been made
+    return known != G_TYPE_INVALID && g_type_is_a(G_OBJECT_TYPE(element), known);
+}
+
+bool is_rtmp_sink(const GstElement* element)
+{
+    return is_of_type(element, "GstRTMPSink");
+}
+
+void hang_up_element(const GValue* value, gpointer)
+{
+    auto* element = GST_ELEMENT(g_value_get_object(value));
+    if (is_rtmp_source(element)) hang_up(element);
+    if (is_rtmp_sink(element)) hang_up_sink(element);
 }
 
 } // namespace
 
 bool is_rtmp_source(const GstElement* element)
 {
-    const GstElementFactory* factory = gst_element_get_factory(const_cast<GstElement*>(element));
-    return factory && std::string_view(GST_OBJECT_NAME(factory)) == "rtmpsrc";
+    return is_of_type(element, "GstRTMPSrc");
 }
 
 bool end_with_next_data(GstElement* source)
@@ -185,8 +191,9 @@ void give_up_connecting(GstElement* source)
 
 void hang_up_rtmp(GstElement* pipeline)
 {
-    for_each_made_by(pipeline, "rtmpsrc", hang_up);
-    for_each_made_by(pipeline, "rtmpsink", hang_up_sink);
+    const IteratorPtr elements(gst_bin_iterate_recurse(GST_BIN(pipeline)));
+    while (gst_iterator_foreach(elements.get(), hang_up_element, nullptr) == GST_ITERATOR_RESYNC)
+        gst_iterator_resync(elements.get());
 }
 
 } // namespace Quorvis::VelStream

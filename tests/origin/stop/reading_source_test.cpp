@@ -51,22 +51,36 @@ gboolean close_connection(GstBaseSrc*)
     return TRUE;
 }
 
+gboolean do_nothing(GstBaseSrc*)
+{
+    return TRUE;
+}
+
+gboolean seek_nowhere(GstBaseSrc*, GstSegment*)
+{
+    return TRUE;
+}
+
 void init_class(gpointer source_class, gpointer)
 {
-    GstCaps* caps = gst_caps_new_any();
-    gst_element_class_add_pad_template(GST_ELEMENT_CLASS(source_class),
-                                       gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
-    gst_caps_unref(caps);
-    gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(source_class), "Reader", "Test", "Reads slowly",
-                                          "velstream-gst");
     GST_PUSH_SRC_CLASS(source_class)->create = read;
+    GST_BASE_SRC_CLASS(source_class)->start = do_nothing;
+    GST_BASE_SRC_CLASS(source_class)->stop = do_nothing;
+    GST_BASE_SRC_CLASS(source_class)->do_seek = seek_nowhere;
     GST_BASE_SRC_CLASS(source_class)->unlock = close_connection;
 }
 
+/// The RTMP client, with another connection.
 GType reader_type()
 {
-    static const GType type = g_type_register_static_simple(GST_TYPE_PUSH_SRC, "TestReader", sizeof(GstPushSrcClass),
-                                                            init_class, sizeof(GstPushSrc), nullptr, GTypeFlags{});
+    static const GType type = [] {
+        const ElementPtr client(GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("rtmpsrc", nullptr))));
+        const GType parent = G_OBJECT_TYPE(client.get());
+        GTypeQuery sizes;
+        g_type_query(parent, &sizes);
+        return g_type_register_static_simple(parent, "TestReader", sizes.class_size, init_class, sizes.instance_size,
+                                             nullptr, GTypeFlags{});
+    }();
     return type;
 }
 
