@@ -79,11 +79,12 @@ constexpr const char* kThreads = "/proc/self/task";
 
 bool wake_thread_called(const std::string& name)
 {
-    std::error_code error;
-    for (const auto& thread : std::filesystem::directory_iterator(kThreads, error)) {
+    std::error_code error; // threads that end meanwhile are no reason to throw
+    std::filesystem::directory_iterator thread(kThreads, error);
+    for (; !error && thread != std::filesystem::directory_iterator(); thread.increment(error)) {
         std::string its_name;
-        std::getline(std::ifstream(thread.path() / "comm"), its_name);
-        if (its_name == name && wake(thread.path())) return true;
+        std::getline(std::ifstream(thread->path() / "comm"), its_name);
+        if (its_name == name && wake(thread->path())) return true;
     }
     return false;
 }
@@ -94,7 +95,7 @@ GQuark starting_thread()
     return quark;
 }
 
-/// The pipeline that a source is in, however deep; null for one that has left it.
+/// The pipeline that a source is in, however deep in it; null for a source that has left it.
 ElementPtr pipeline_of(GstElement* source)
 {
     ElementPtr element(GST_ELEMENT(gst_object_ref(source)));
@@ -111,7 +112,7 @@ ElementPtr feeder_of(GstElement* sink)
     return ElementPtr(peer ? gst_pad_get_parent_element(peer.get()) : nullptr);
 }
 
-/// A sink that is only busy is left alone: it comes down by itself.
+/// A sink whose thread is busy with anything but the connection is left alone: it comes down by itself.
 void hang_up_sink(GstElement* sink)
 {
     const ElementPtr feeder = feeder_of(sink);
