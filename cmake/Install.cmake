@@ -7,7 +7,7 @@ set_target_properties(velstream-gst PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(TARGETS velstream-gst EXPORT velstream-gst-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
-install(TARGETS velclog EXPORT velstream-gst-targets
+install(TARGETS velclog
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT velclog)
 install(TARGETS gstvelsoftware
   LIBRARY DESTINATION ${VELSTREAM_PLUGIN_INSTALL_DIR} COMPONENT software)

@@ -58,7 +58,8 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libvelstream-gst1 ${version}, libvelclog,
 set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS "velstream-gst-software, ffmpeg")
 set(CPACK_DEBIAN_SOFTWARE_PACKAGE_DEPENDS "${plugins}, gstreamer1.0-plugins-ugly, gstreamer1.0-libav, fonts-dejavu-core")
 set(CPACK_DEBIAN_TOOL_PACKAGE_CONTROL_EXTRA
-  ${CMAKE_SOURCE_DIR}/packaging/debian/conffiles ${CMAKE_SOURCE_DIR}/packaging/debian/postrm)
+  ${CMAKE_SOURCE_DIR}/packaging/debian/conffiles ${CMAKE_SOURCE_DIR}/packaging/debian/prerm
+  ${CMAKE_SOURCE_DIR}/packaging/debian/postrm)
 file(WRITE ${CMAKE_BINARY_DIR}/package/shlibs "libvelstream-gst 1 libvelstream-gst1 (>= ${PROJECT_VERSION})\n")
 set(CPACK_DEBIAN_VELCLOG_PACKAGE_CONTROL_EXTRA ${CMAKE_SOURCE_DIR}/packaging/debian/triggers)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CMAKE_SOURCE_DIR}/packaging/debian/triggers
@@ -70,11 +71,12 @@ if(CMAKE_CROSSCOMPILING)
     list(GET pair 1 package)
     string(TOUPPER ${component} component)
     file(GLOB native ${VELSTREAM_SHLIBDEPS_FROM}/${package}_*.deb)
-    if(native)
-      execute_process(COMMAND dpkg-deb --field ${native} Depends OUTPUT_VARIABLE depends
-        OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-      set(CPACK_DEBIAN_${component}_PACKAGE_DEPENDS "${depends}")
+    if(NOT native)
+      message(FATAL_ERROR "VELSTREAM_SHLIBDEPS_FROM has no native package ${package}: \"./dev package arm64\" makes both")
     endif()
+    execute_process(COMMAND dpkg-deb --field ${native} Depends OUTPUT_VARIABLE depends
+      OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    set(CPACK_DEBIAN_${component}_PACKAGE_DEPENDS "${depends}")
   endforeach()
 else()
   foreach(component LIBRARY TOOL SOFTWARE VELCLOG)
@@ -88,7 +90,7 @@ find_program(GZIP_PROGRAM gzip REQUIRED)
 execute_process(COMMAND ${GZIP_PROGRAM} -9nc ${CMAKE_SOURCE_DIR}/packaging/debian/changelog
   OUTPUT_FILE ${CMAKE_BINARY_DIR}/package/changelog.gz COMMAND_ERROR_IS_FATAL ANY)
 add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/package/velstream.1.gz
-  COMMAND bash -c "packaging/manpage.sh ${PROJECT_VERSION} \"$@\" | ${GZIP_PROGRAM} -9nc >${CMAKE_BINARY_DIR}/package/velstream.1.gz"
+  COMMAND bash -o pipefail -c "packaging/manpage.sh ${PROJECT_VERSION} \"$@\" | ${GZIP_PROGRAM} -9nc >${CMAKE_BINARY_DIR}/package/velstream.1.gz"
     _ ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:velstream>
   WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} DEPENDS velstream packaging/manpage.sh VERBATIM)
 add_custom_target(manual ALL DEPENDS ${CMAKE_BINARY_DIR}/package/velstream.1.gz)

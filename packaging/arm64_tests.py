@@ -23,7 +23,7 @@ SAMPLES = re.compile("|".join([
     r"SpliceFrames\.(ComeOnce|Reordered|RowsMayBePadded)",
     r"ub2404\.RecordedCamera\.OfH264Leaves",
     r"ub2404\.(SplitCamera\.BothCallbacks|SoundRelay\.FileReaches)",
-    r"origin\.(CompositionDescription|EngineTasks)\.",
+    r"(CompositionDescription|EngineTasks|SpliceScan|UsbChain|ReencoderDescription|RollingDescription)\.",
     r"/(PlainScenario\.RecordsTheCanvas|OverlayScenario\.RecordsWithLogoTextAndDetection)/\"h264\"",
     r"tool\.(Tool\.RunCountsEveryFrame|SpliceTool\.CountsEveryFrame)",
 ]))

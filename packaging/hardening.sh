@@ -21,7 +21,10 @@ for file in "$@"; do
     expect "$file" "binding at start (-z now)" "$header" 'FLAGS.*NOW'
     expect "$file" "stack without execution" "$header" 'GNU_STACK.* RW '
     expect "$file" "stack protector" "$symbols" '__stack_chk_(fail|guard)'
-    expect "$file" "fortified function" "$symbols" '__[a-z]+_chk'
+    # A file that formats nothing may have nothing that is fortified.
+    if grep -qE ' _*(v?s?n?printf|v?fprintf)(_chk)?@' <<<"$symbols"; then
+        expect "$file" "fortified function" "$symbols" ' __[a-z]+_chk@'
+    fi
     echo "hardening: $file: looked at"
 done
 exit $status

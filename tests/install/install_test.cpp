@@ -188,6 +188,20 @@ TEST_F(Install, ReadmeApplicationIsBuiltWithTheCMakePackageAndRuns)
     expect_frames(application_folder() / "build/app");
 }
 
+TEST_F(Install, CMakePackageServesADeviceWithItsOwnLoggingLibrary)
+{
+    write_application();
+    const fs::path device = folder_ / "device";
+    fs::create_directory(device);
+    fs::rename(library_folder() / "libvelclog.so", device / "libvelclog.so");
+    setenv("LD_LIBRARY_PATH", device.c_str(), 1);
+    const Output built =
+        build(CMAKE_PROGRAM " -G Ninja -B build -DCMAKE_CXX_COMPILER=" CXX_PROGRAM " -DCMAKE_PREFIX_PATH=" +
+              prefix_.string() + " && " CMAKE_PROGRAM " --build build");
+    ASSERT_EQ(built.status, 0) << built.text;
+    expect_frames(application_folder() / "build/app");
+}
+
 TEST_F(Install, CMakePackageRefusesAnotherMajorVersion)
 {
     write_application();
