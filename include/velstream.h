@@ -3,11 +3,12 @@
  *
  * One JSON file describes the streams; an application names a stream by its id. Every call that starts a stream
  * blocks its caller until the stream ends, so an application runs each stream on a thread of its own and stops it
- * from another thread with gstreamer_pipeline_shutdown().
+ * from another thread with gstreamer_pipeline_shutdown(). Only pushed H.265 decoding runs on a thread of the
+ * library's: its start returns once the decoder plays.
  *
- * Results are 0 for success and -1 for failure. The library throws nothing of its own; exceptions of the standard
- * library and of jsoncpp (a configuration file that is not JSON, a value of the wrong JSON type) pass through
- * unchanged.
+ * Results are 0 for success and -1 for failure; pushed H.265 decoding has -2 to -8 for failures too. The library
+ * throws nothing of its own; exceptions of the standard library and of jsoncpp (a configuration file that is not JSON,
+ * a value of the wrong JSON type) pass through unchanged.
  */
 #pragma once
 
@@ -94,7 +95,8 @@ struct StreamIns {
 
 /**
  * One frame, as a callback gets it. Valid only during the callback: `data` points into the mapped GStreamer buffer and
- * may be read and written in place.
+ * may be read and written in place. It may only be read in pushed H.265 decoding and in a pipeline that was rebuilt
+ * ("manualRebuild" false). A re-encoder's points to the process's shared frame, which the callback is to fill.
  */
 struct Image {
     Image();
@@ -104,28 +106,34 @@ struct Image {
     Image& operator=(Image&&) = default;
     ~Image();
 
-    std::string streamId;      ///< Id of the stream that produced the frame.
-    uint8_t* data = nullptr;   ///< Packed RGB, 3 bytes a pixel, `height` rows of 3 x `width` bytes.
+    std::string streamId;      ///< Id of the stream that produced the frame; empty for a re-encoder.
+    uint8_t* data = nullptr;   ///< Packed RGB, 3 bytes a pixel, `height` rows of 3 x `width` bytes, or of more where
+                               ///< rows are padded; NV12 in pushed H.265 decoding.
     int32_t reserved0 = 0;     ///< Not written by the library.
     int32_t reserved1 = 0;     ///< Not written by the library.
     int32_t reserved2 = 0;     ///< Not written by the library.
     int32_t width = 0;         ///< Frame width in pixels.
     int32_t height = 0;        ///< Frame height in pixels.
-    int32_t alignedWidth = 0;  ///< Pixels in a buffer row; set on the "v4l2" and "ub2404" platforms.
-    int32_t alignedHeight = 0; ///< Rows in the buffer; set on the "v4l2" and "ub2404" platforms.
+    int32_t alignedWidth = 0;  ///< Pixels in a buffer row. Set by files, RTSP and RTMP without "audio" on the "v4l2"
+                               ///< and "ub2404" platforms, by split streams on all; `width` in pushed H.265 decoding.
+                               ///< Else 0.
+    int32_t alignedHeight = 0; ///< `height` where `alignedWidth` is set, else 0.
     uint64_t size = 0;         ///< Bytes at `data`.
-    double fps = 0.0;          ///< Measured frames a second, refreshed at most once a second; 0 before that.
+    double fps = 0.0;          ///< Measured frames a second, refreshed at most once a second; 0 before that and in
+                               ///< pushed H.265 decoding. A re-encoder's is the encoder's rate.
     int32_t format = 0;        ///< Always 0.
-    int64_t frameIndex = 0;    ///< Frames seen since the stream was started; the first frame has 1.
-    std::string timestamp;     ///< Presentation time "h:mm:ss.nnnnnnnnn"; set on "v4l2" and "ub2404".
+    int64_t frameIndex = 0;    ///< Frames seen since the stream was started; the first frame has 1. 0 for a re-encoder
+                               ///< and in pushed H.265 decoding.
+    std::string timestamp;     ///< Presentation time "h:mm:ss.nnnnnnnnn"; set by files, RTSP and RTMP without
+                               ///< "audio" on "v4l2" and "ub2404", by split streams on all. Else empty.
     int32_t planeStride = 0;   ///< Bytes in a row of the first plane; pushed H.265 decoding only.
     int32_t planeHeight = 0;   ///< Rows of the first plane; pushed H.265 decoding only.
     int64_t pts = 0;           ///< Presentation time in ns, -1 for none; pushed H.265 decoding only.
     std::string extra;         ///< Pixel format name of `data`; empty means packed RGB.
 };
 
-/// An application's frame callback. It runs on a streaming thread, one call at a time a stream, and holds the stream up
-/// while it runs. The result is ignored.
+/// An application's frame callback. It runs on a streaming thread, a re-encoder's on the thread of the start call, one
+/// call at a time a stream, and holds the stream up while it runs. The result is ignored.
 using FrameCallback = std::function<int8_t(const Image&)>;
 
 /// Path of the configuration file that the entry points read, afresh at every call. The text that it points to must
@@ -135,15 +143,19 @@ extern const char* g_stream_conf_file;
 extern const char* stream_conf_file;
 
 /**
- * Starts a stream that the configuration file describes and blocks until it ends.
+ * Starts a stream that the configuration file describes and blocks until it ends. For the input type "splice" it is
+ * start_splice_stream(): it does not block, and has its results.
  * @param stream_id  the "streamsId" of the entry.
- * @param callback   called with every frame; borrowed, and copied where it is kept.
- * @return 0 ended normally; -1 not found, not startable, or ended with a failure.
+ * @param callback   called with every frame, but not by a rolling recording. Copied; borrowed for the call by a
+ *                   re-encoder; moved from for "splice", as start_splice_stream() does.
+ * @return 0 ended normally, with "audio" and "rollingsave" also by an error, which is logged; -1 not found, not
+ *         startable, or ended with a failure. On "6490" and "8550" the end of a file, RTSP or RTMP stream that is not
+ *         rebuilt is -1 too, and so a stop may be.
  */
 int start_stream(std::string stream_id, std::function<int8_t(const Image&)>& callback);
 
-/// Starts a stream that the caller describes, without reading its entry, and blocks until it ends. Results as
-/// start_stream().
+/// Starts a stream that the caller describes, without reading its entry, and blocks until it ends ("splice" does not).
+/// Callback and results as start_stream().
 int start(StreamIns& ins, std::function<int8_t(const Image&)>& callback);
 
 /**
@@ -154,10 +166,12 @@ int start(StreamIns& ins, std::function<int8_t(const Image&)>& callback);
 int get_properties(std::string stream_id, StreamIns& ins);
 
 /// Stops the stream with this id, or every stream for "all_stream" (all but pushed H.265 decoding, whose streams end by
-/// their own ids). Callable from any thread; the stream's
-/// start call returns within a second of this call's return. Called from a frame callback it returns at once, and the
-/// stream ends after the callback. An unknown id and a second stop are harmless. On the "ub2404" platform a stop ends
-/// every other ordinary stream of the process too, and later ones end as soon as they start.
+/// their own ids). Callable from any thread; the stream's start call returns within a second of this call's return.
+/// Called from the stream's own frame callback it returns at once, and the stream ends after the callback. An unknown
+/// id and a second stop are harmless. A stop ends every re-encoder of the process too, and on the "ub2404" platform
+/// every ordinary stream from a file, RTSP or RTMP; later ones end as soon as they start.
+/// An id whose entry is of type "splice" is stopped as by stop_splice_stream(), which waits for the callback that is
+/// running, and ends no other stream: never stop it from another stream's callback.
 void gstreamer_pipeline_shutdown(std::string stream_id);
 
 /**
@@ -218,7 +232,7 @@ int start_audio_stream(std::string stream_id, std::function<int8_t(const Image&)
  * @param stream_id  any text but the empty one.
  * @param callback   moved from, unless the result is -1. Called once a decoded frame, on a streaming thread, one call
  *                   at a time. The frame is NV12 (`extra` says so): `planeHeight` rows of `planeStride` bytes of Y,
- * then the interleaved chroma; `size` bytes in all, to be read only, valid only during the call.
+ *                   then the interleaved chroma; `size` bytes in all, to be read only, valid only during the call.
  * @return 0 it plays; -1 empty id or callback; -2 the id is taken; -4 the pipeline cannot be made or does not play;
  *         -8 the stream ended before it played, or the machine has no thread left.
  */
@@ -237,8 +251,10 @@ int decode_put_frame_splice(const unsigned char* data, unsigned long size, const
                             bool is_key_frame);
 
 /**
- * Ends a stream and waits for its thread, and so for a frame callback that is running; from inside that callback it
- * returns at once. Frames that are still in the decoder are lost. After an error or an end of stream it frees the id.
+ * Ends a stream and waits for its thread, and so for a frame callback that is running, however long that takes; from
+ * inside that callback it returns at once. Never call it from another stream's callback: two streams whose callbacks
+ * stop each other wait for ever. Frames that are still in the decoder are lost. After an error or an end of stream it
+ * frees the id.
  * @return 0 stopped; -3 no such stream; -8 the stream has no state.
  */
 int stop_splice_stream(std::string stream_id);
@@ -263,8 +279,8 @@ HevcAuInfo parse_hevc_au_info_splice(const unsigned char* data, unsigned long si
 cv::Mat get_data(int rows, int cols, char* data);
 
 /**
- * Converts a frame of the "v4l2" and "ub2404" platforms to BGR. On the other platforms `alignedWidth` and
- * `alignedHeight` are 0 and OpenCV raises its exception: set them to `width` and `height` in a copy of the image first.
+ * Converts a packed RGB frame to BGR; NV12 frames (pushed H.265 decoding) are not for it. Where `alignedWidth` and
+ * `alignedHeight` are 0 OpenCV raises its exception: set them to `width` and `height` in a copy of the image first.
  * @param out    a view of width x height into a matrix of the padded size, which it keeps alive.
  * @param image  `alignedHeight` rows of `alignedWidth` packed RGB pixels.
  * @return 0; -1 without data.

@@ -1,4 +1,5 @@
-// Any bytes, cut at start codes, through gate, queue, parser and decoder, up to the callback, which reads every frame.
+// Any bytes, cut into one to four pieces of equal size, through gate, queue, parser and decoder, up to the callback,
+// which reads every frame.
 #include "StreamBuildSplice.h"
 
 #include <gst/app/gstappsrc.h>

@@ -24,6 +24,7 @@ using HarnessPtr = std::unique_ptr<GstHarness, Releaser<gst_harness_teardown>>;
 using Samples = std::vector<SamplePtr>;
 
 constexpr GstClockTime kFrameDuration = GST_SECOND / 25;
+constexpr GstClockTime kPatience = 200 * GST_SECOND; // an emulated processor under load is that slow
 
 class Gstreamer : public testing::Environment {
     void SetUp() override { gst_init(nullptr, nullptr); }
@@ -47,7 +48,7 @@ Samples collect(const std::string& description)
     }
     const ElementPtr out(gst_bin_get_by_name(GST_BIN(pipeline.get()), "out"));
     gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
-    while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(out.get()), 20 * GST_SECOND))
+    while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(out.get()), kPatience))
         samples.emplace_back(sample);
     EXPECT_TRUE(gst_app_sink_is_eos(GST_APP_SINK(out.get()))) << description;
     gst_element_set_state(pipeline.get(), GST_STATE_NULL);
@@ -63,7 +64,7 @@ void run_to_end(const std::string& description)
     gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
     const BusPtr bus(gst_element_get_bus(pipeline.get()));
     const MessagePtr message(gst_bus_timed_pop_filtered(
-        bus.get(), 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
+        bus.get(), kPatience, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
     gst_element_set_state(pipeline.get(), GST_STATE_NULL);
     ASSERT_TRUE(message) << description;
     ASSERT_EQ(GST_MESSAGE_TYPE(message.get()), GST_MESSAGE_EOS) << description;

@@ -78,6 +78,15 @@ std::string file_description(const StreamProperty& property, const std::string& 
            "/1 ! identity sync=true ! " + codec.encoder + " ! " + parser + " ! " + caps;
 }
 
+/// The location is a format that the segment's number is put into.
+std::string without_conversions(const std::string& text)
+{
+    std::string escaped;
+    for (const char c : text)
+        escaped += c == '%' ? "%%" : std::string(1, c);
+    return escaped;
+}
+
 std::string recorded_part(const StreamProperty& property)
 {
     const bool is_camera = property.inputType == "rtsp";
@@ -337,8 +346,8 @@ std::string rolling_description(const StreamProperty& property, const std::strin
         return {};
     }
     if (property.inputType != "rtsp" && property.inputType != "file") return {};
-    return recorded_part(property) + " ! splitmuxsink name=rec muxer=mp4mux location=" + kRollingFolder + stream_id +
-           "/%05d.mp4 max-size-time=2000000000 async-finalize=true max-files=100";
+    return recorded_part(property) + " ! splitmuxsink name=rec muxer=mp4mux location=" + kRollingFolder +
+           without_conversions(stream_id) + "/%05d.mp4 max-size-time=2000000000 async-finalize=true max-files=100";
 }
 
 int start_rolling_save(std::string stream_id)

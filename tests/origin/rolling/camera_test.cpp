@@ -283,6 +283,20 @@ TEST_F(RecordedCamera, StartedAgainHasOnlyNewSegments)
     EXPECT_EQ(call.result(), 0);
 }
 
+TEST_F(RecordedCamera, IsRecordedUnderAnIdWithPercentSigns)
+{
+    const std::string id = "100%s%d";
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    const ConfigFile config(
+        one_stream(id, R"("inputType": "rtsp", "inputAddr": ")" + camera.url() + R"(", "rollingsave": true)"));
+    StreamCall call(configured_stream(id));
+    EXPECT_TRUE(wait_for_segments(id, 3)) << last_lines();
+    EXPECT_TRUE(stop_ends_call(call, id));
+    EXPECT_EQ(call.result(), 0);
+    expect_complete(segments_of(id));
+}
+
 TEST_F(RecordedCamera, EndsWithoutTheOtherOneByItsId)
 {
     const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});

@@ -45,6 +45,14 @@ TEST(RollingDescription, CameraOfH265IsRemuxed)
                   kRing);
 }
 
+TEST(RollingDescription, PercentSignsOfAnIdAreNoConversions)
+{
+    StreamProperty property;
+    property.inputType = "rtsp";
+    EXPECT_NE(rolling_description(property, "100%s").find(" location=/tmp/rolling/100%%s/%05d.mp4 "),
+              std::string::npos);
+}
+
 TEST(RollingDescription, FileIsDecodedAndEncodedByThePlatform)
 {
     const std::string decoder = on_platform("", "v4l2h264dec", "qtivdec", "qtic2vdec");
