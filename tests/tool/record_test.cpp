@@ -180,6 +180,25 @@ TEST_F(RecordTool, RestartGoesOnWhenTheCameraIsBackAndKeepsWhatThereWas)
     EXPECT_EQ(pictures_in(joined), pictures);
 }
 
+TEST_F(RecordTool, RestartGoesOnWithACameraThatFellSilent)
+{
+    peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    configure(camera.url());
+    peers::ChildProcess tool = start("--restart --json");
+    ASSERT_TRUE(wait_for_segments(2)) << said();
+    camera.pause(); // its connection stays, as with a camera whose cable is pulled
+    ASSERT_TRUE(wait_until([this] {
+        return said().find("velstream: the recording of cam has ended; again in 1 s.\n") != std::string::npos;
+    })) << said();
+    camera.resume();
+    ASSERT_TRUE(wait_until([] { return !set_aside_folders().empty(); })) << said();
+    ASSERT_TRUE(wait_for_segments(2)) << said();
+    tool.interrupt();
+    EXPECT_EQ(tool.wait(), 0) << said();
+    expect_all_play(segments_in(set_aside_folders().front()));
+}
+
 TEST_F(RecordTool, CameraThatIsOffIsAFailure)
 {
     configure("rtsp://127.0.0.1:1/off");

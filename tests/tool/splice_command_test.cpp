@@ -94,6 +94,47 @@ TEST_F(SpliceTool, DropsWhatComesBeforeTheFirstKeyFrame)
     EXPECT_EQ(parse_json(output.text)["frames"].asInt(), 30);
 }
 
+TEST_F(SpliceTool, CountsTheLastFramesBehindAnOpenKeyFrame)
+{
+    const std::string path = (folder_ / "open.h265").string();
+    ASSERT_EQ(run_command("ffmpeg -v error -f lavfi -i testsrc2=size=320x180:rate=25:duration=4 -frames:v 70 -c:v "
+                          "libx265 -x265-params log-level=none:keyint=20:min-keyint=20:scenecut=0:open-gop=1:bframes=4:"
+                          "repeat-headers=1:pools=1 " +
+                          path)
+                  .status,
+              0);
+    std::ifstream file(path, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+    // The file begins with the second key frame, which others go on from.
+    const std::string parameters{'\0', '\0', '\1', '\x40', '\1'};
+    const auto second = bytes.find(parameters, bytes.find(parameters) + 1);
+    ASSERT_NE(second, std::string::npos);
+    std::ofstream(path, std::ios::binary) << bytes.substr(second);
+    const int frames = count_with_ffprobe(path);
+    EXPECT_GT(frames, 40);
+    const Output output = splice(path + " --json");
+    EXPECT_EQ(output.status, 0) << stderr_text();
+    EXPECT_EQ(parse_json(output.text)["frames"].asInt(), frames);
+}
+
+TEST_F(SpliceTool, SnapshotsHaveTheColoursThatFfmpegGives)
+{
+    const std::string path = make_stream(5, 0);
+    const auto pictures = folder_ / "pictures";
+    EXPECT_EQ(splice(path + " --snapshot " + pictures.string()).status, 0) << stderr_text();
+    const auto rgb_of = [](const std::string& file) {
+        return run_command("ffmpeg -v error -i " + file + " -frames:v 1 -f rawvideo -pix_fmt rgb24 -").text;
+    };
+    const std::string expected = rgb_of(path);
+    const std::string written = rgb_of((pictures / "clip-000001.png").string());
+    ASSERT_EQ(expected.size(), 642U * 362U * 3U);
+    ASSERT_EQ(written.size(), expected.size());
+    double difference = 0;
+    for (std::size_t i = 0; i < expected.size(); ++i)
+        difference += std::abs(static_cast<unsigned char>(expected[i]) - static_cast<unsigned char>(written[i]));
+    EXPECT_LT(difference / static_cast<double>(expected.size()), 3.0);
+}
+
 TEST_F(SpliceTool, WritesSnapshots)
 {
     const std::string path = make_stream(35, 3);
