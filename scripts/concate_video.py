@@ -8,6 +8,7 @@ in folders of their own, and belong to the recording too.
 
 import argparse
 import datetime
+import itertools
 import json
 import os
 import re
@@ -317,11 +318,14 @@ def clock(seconds):
 def default_output(folder, segments):
     """Beside the segments' folder: what is in it is the recorder's."""
     stamp = datetime.datetime.fromtimestamp(segments[0].start).strftime("%Y%m%d-%H%M%S")
-    base = f"{folder.rstrip('/')}_{stamp}"
-    path, number = f"{base}.mp4", 1
-    while os.path.lexists(path):
-        path, number = f"{base}-{number}.mp4", number + 1
-    return path
+    return f"{folder.rstrip('/')}_{stamp}.mp4"
+
+
+def numbered(path):
+    """The path, and what further files of this name are called."""
+    stem, ending = os.path.splitext(path)
+    yield path
+    yield from (f"{stem}-{number}{ending}" for number in itertools.count(1))
 
 
 def check_room(folder, segments):
@@ -392,23 +396,37 @@ def join_into(path, folder, options, skipped):
     raise Failure("the recorder overwrites the oldest segments faster than they are joined: take a shorter range.")
 
 
-def publish(part, path, is_overwriting):
-    """Gives the finished file its name, on the disk for good."""
+def take_name(part, path):
+    """Gives the finished file this name. False when another file has it, which may be another merge's of this moment."""
+    try:
+        os.link(part, path)
+        return True
+    except FileExistsError:
+        return False
+    except OSError:  # a file system without links
+        pass
+    try:
+        with open(path, "xb"):
+            os.replace(part, path)
+    except FileExistsError:
+        return False
+    return True
+
+
+def publish(part, output, options):
+    """Gives the finished file its name, on the disk for good, and returns it: a default name is the first free one."""
     mask = os.umask(0)
     os.umask(mask)
     os.chmod(part, 0o666 & ~mask)
     with open(part, "rb") as file:
         os.fsync(file.fileno())
-    if is_overwriting:
-        os.replace(part, path)
-        return
-    try:
-        os.link(part, path)  # does not replace what another merge has put there meanwhile
-    except FileExistsError as error:
-        raise Failure(f"{path} is there already: name another file, or add --overwrite.") from error
-    except OSError:  # a file system without links
-        check_output(path, False)
-        os.rename(part, path)
+    if options.output and options.overwrite:
+        os.replace(part, output)
+        return output
+    for path in [output] if options.output else numbered(output):
+        if take_name(part, path):
+            return path
+    raise Failure(f"{output} is there already: name another file, or add --overwrite.")
 
 
 class PartFile:
@@ -435,11 +453,12 @@ class PartFile:
 def join(options):
     folder = options.dir or os.path.join(ROOT, options.stream_id)
     skipped = Skipped()
+    if options.output:
+        check_output(options.output, options.overwrite)
     output = options.output or default_output(folder, choose(folder, options, skipped))
-    check_output(output, options.overwrite)
     with PartFile(output) as part:
         segments = join_into(part, folder, options, skipped)
-        publish(part, output, options.overwrite)
+        output = publish(part, output, options)
     report(options, output, segments, skipped)
 
 

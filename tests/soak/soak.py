@@ -2,13 +2,14 @@
 """Records one camera and plays another for as long as asked for, and prints what the processes needed.
 
 The recorded camera's server is killed three times, and the disk of the recording fills once. Fails when a process
-grows, when more than 100 segments are there, or when a closed segment is lost or does not play. Runs in a mount
-namespace of its own, which "./dev soak" gives it.
+grows, when more than 100 segments are there, when a closed segment is lost or does not decode whole, or when the log
+does not say what ended a recording. Runs in a mount namespace of its own, which "./dev soak" gives it.
 """
 
 import argparse
 import json
 import os
+import re
 import signal
 import statistics
 import subprocess
@@ -20,6 +21,7 @@ from pathlib import Path
 RECORDED = Path("/tmp/rolling/recorded")
 DISK_MB = 64
 RING = 100
+ENDED = re.compile(r"the recording of recorded has ended(.*?); again in ", re.DOTALL)  # and ": CAUSE", where one is known
 BOUND = 90  # seconds for what is waited for
 SETTLED = 0.3  # part of the run after which nothing may grow
 GROWTH_MB, GROWTH_THREADS, GROWTH_FILES = 12, 4, 6  # what a restart may leave and a leak passes within the hour
@@ -97,9 +99,13 @@ def all_segments():
     return list(RECORDED.rglob("*.mp4")) if RECORDED.exists() else []
 
 
-def plays(path):
-    return subprocess.run(["ffprobe", "-v", "error", "-show_entries", "stream=codec_name", path],
-                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False).returncode == 0
+def trouble_in(path):
+    """Why the file does not decode to its end; empty when it does."""
+    # In ticks of the frame rate, which is the default, pictures that came in a heap would count as an error.
+    result = subprocess.run(["nice", "-n", "19", "ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", path,
+                             "-enc_time_base", "1:90000", "-f", "null", "-"],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, errors="replace", check=False)
+    return result.stderr.strip() or ("" if result.returncode == 0 else f"ffmpeg: status {result.returncode}")
 
 
 def by_inode(paths):
@@ -156,9 +162,9 @@ class Soak:
 
     def check(self, paths):
         for path in paths:
-            if not plays(path):
+            if trouble := trouble_in(path):
                 self.broken += 1
-                print(f"soak: {path} does not play ({path.stat().st_size} bytes)", file=sys.stderr)
+                print(f"soak: {path} does not play ({path.stat().st_size} bytes): {trouble}", file=sys.stderr)
 
     def start(self):
         self.camera, self.other = Server(self.bin / "velstream-rtsp-peer"), Server(self.bin / "velstream-rtsp-peer")
@@ -178,19 +184,27 @@ class Soak:
         self.wait_for("the next recording",
                       lambda: len(segments()) >= 2 and not known & set(by_inode(segments())))
 
-    def wait_for_the_end(self, restarts):
-        self.wait_for("the recording's end", lambda: self.recorder.log().count("; again in ") > restarts)
+    def ends(self):
+        """What the recorder says of each recording that has ended: ": CAUSE", or nothing."""
+        return ENDED.findall(self.recorder.log())
+
+    def wait_for_the_end(self, number):
+        """Returns what is said of it."""
+        self.wait_for("the recording's end", lambda: len(self.ends()) > number)
+        return self.ends()[number]
 
     def kill_the_server(self):
-        known, restarts = closed(), self.recorder.log().count("; again in ")
+        known, number = closed(), len(self.ends())
         self.camera.kill()
-        self.wait_for_the_end(restarts)
+        cause = self.wait_for_the_end(number)
+        if not re.match(r": rtspsrc\d+: \S", cause):
+            raise Failure(f"the log does not say that the camera has gone, but {cause!r}")
         self.camera.start()
         self.wait_for_next_recording(known)
         self.note_losses(known)
 
     def fill_the_disk(self):
-        known, restarts = closed(), self.recorder.log().count("; again in ")
+        known, number = closed(), len(self.ends())
         filler = RECORDED.parent / "filler"
         with open(filler, "wb", buffering=0) as file:
             try:
@@ -198,7 +212,7 @@ class Soak:
                     file.write(bytes(4096))
             except OSError:
                 pass
-        self.wait_for_the_end(restarts)
+        self.wait_for_the_end(number)
         filler.unlink()
         self.wait_for_next_recording(known)
         if "No space left" not in self.recorder.log():
@@ -206,10 +220,14 @@ class Soak:
         self.note_losses(known)
 
     def join(self):
+        output = self.folder / "joined.mp4"
         result = subprocess.run([self.bin / "velstream", "merge", "recorded", "--last", "10", "--json", "--overwrite",
-                                 "-o", self.folder / "joined.mp4"], stdout=subprocess.DEVNULL,
-                                stderr=subprocess.DEVNULL, check=False)
-        self.joined += result.returncode == 0 and plays(self.folder / "joined.mp4")
+                                 "-o", output], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+                                errors="replace", check=False)
+        trouble = trouble_in(output) if result.returncode == 0 else result.stderr.strip()
+        self.joined += not trouble
+        if trouble:
+            print(f"soak: not joined: {trouble}", file=sys.stderr)
 
     def run(self):
         begin = time.monotonic()

@@ -252,6 +252,27 @@ TEST_F(FaultyJoin, TwoAtOnceIntoOneFileLeaveOneWholeFile)
     EXPECT_EQ(files_in(out_folder()), std::vector<std::string>{"out.mp4"});
 }
 
+TEST_F(FaultyJoin, TwoAtOnceWithoutOutputLeaveTwoWholeFiles)
+{
+    const SegmentFolder segments(2);
+    fs::copy(segments.path(), "/tmp/rolling/busy", fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    // Each waits for the other one, so that neither sees the other's file when it looks for a name.
+    const FakeProgram ffmpeg("ffmpeg", "touch $FOLDER/came.$$; i=0\n"
+                                       "until [ $(ls $FOLDER | grep -c came) -ge 2 ]; do\n"
+                                       "i=$((i + 1)); [ $i -lt 300 ] || exit 1; sleep 0.1\ndone\nexec env -i PATH=" +
+                                           std::string(std::getenv("PATH")) + " ffmpeg \"$@\"");
+    const std::vector<std::string> arguments{"--stream-id", "busy", "--json"};
+    JoinResult first;
+    std::thread other([&] { first = join_segments(arguments); });
+    const JoinResult second = join_segments(arguments);
+    other.join();
+    ASSERT_EQ(first.status, 0) << first.errors;
+    ASSERT_EQ(second.status, 0) << second.errors;
+    EXPECT_NE(first.json()["output"], second.json()["output"]);
+    for (const JoinResult& result : {first, second})
+        EXPECT_EQ(numbers_in_file(result.json()["output"].asString()), numbers_below(50));
+}
+
 TEST_F(FaultyJoin, EndedBySignalLeavesNoFile)
 {
     const SegmentFolder segments(2);
