@@ -20,12 +20,17 @@ std::optional<int> shown_number(peers::Compositor& screen)
 
 } // namespace
 
-TEST_F(UsbStream, IsShownOnTheDisplay)
+class UsbWindow : public UsbStream, public ::testing::WithParamInterface<Size> {};
+
+INSTANTIATE_TEST_SUITE_P(Sizes, UsbWindow, kSizes, name_of_size);
+
+TEST_P(UsbWindow, ShowsTheCamera)
 {
+    const auto [width, height] = GetParam();
     load_software_elements();
-    peers::Compositor screen(640, 480);
+    peers::Compositor screen(width, height);
     ASSERT_TRUE(screen.is_ready());
-    const ConfigFile config(usb_entry(640, 480, R"(, "outputType": "wayland", "outputAddr": "")"));
+    const ConfigFile config(usb_entry(width, height, R"(, "outputType": "wayland", "outputAddr": "")"));
     StreamCall call(configured_stream("usb"));
     ASSERT_TRUE(call.wait_for_frames(5));
     std::optional<int> shown;

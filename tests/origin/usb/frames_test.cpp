@@ -17,16 +17,6 @@ using Lines = std::vector<std::string>;
 
 using UsbFrames = UsbStream;
 
-struct Size {
-    int width;
-    int height;
-};
-
-void PrintTo(const Size& size, std::ostream* out)
-{
-    *out << size.width << "x" << size.height;
-}
-
 /// A camera's JPEG as ffmpeg decodes it into packed RGB.
 std::string decode_jpeg(const std::vector<std::uint8_t>& jpeg)
 {
@@ -83,9 +73,7 @@ TEST_P(UsbPictures, AreThoseOfTheCameraInTightRows)
 
 INSTANTIATE_TEST_SUITE_P(Sizes, UsbPictures,
                          ::testing::Values(Size{640, 480}, Size{642, 362}, Size{854, 480}, Size{1280, 720}),
-                         [](const auto& test) {
-                             return std::to_string(test.param.width) + "x" + std::to_string(test.param.height);
-                         });
+                         name_of_size);
 
 TEST_F(UsbFrames, ComeInOrderAndGoOnWithoutAnOutput)
 {

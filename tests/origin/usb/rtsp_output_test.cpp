@@ -5,15 +5,19 @@
 
 namespace velstream::testing {
 
-std::vector<int> numbers_in_file(const std::string& path);
+class UsbPush : public UsbStream, public ::testing::WithParamInterface<Size> {};
 
-TEST_F(UsbStream, PushedByRtspArrives)
+INSTANTIATE_TEST_SUITE_P(Sizes, UsbPush, kSizes, name_of_size);
+
+TEST_P(UsbPush, ArrivesInOrder)
 {
+    const Size size = GetParam();
     const TemporaryFolder folder;
     const std::string path = folder.file("pushed.mp4");
     peers::RtspPeer server(RTSP_PEER, {"record", "--out", path});
     ASSERT_NE(server.port(), 0);
-    const ConfigFile config(usb_entry(640, 480, R"(, "outputType": "rtsp", "outputAddr": ")" + server.url() + "\""));
+    const ConfigFile config(
+        usb_entry(size.width, size.height, R"(, "outputType": "rtsp", "outputAddr": ")" + server.url() + "\""));
     StreamCall call(configured_stream("usb"));
     ASSERT_TRUE(server.read_until("record", kPatience));
     ASSERT_TRUE(call.wait_for_frames(call.frames() + 30));
@@ -21,7 +25,7 @@ TEST_F(UsbStream, PushedByRtspArrives)
     EXPECT_EQ(call.result(), 0);
 
     ASSERT_TRUE(server.read_until("eos frames="));
-    const std::vector<int> numbers = numbers_in_file(path);
+    const std::vector<int> numbers = numbers_in_file(path, size);
     EXPECT_GE(numbers.size(), 15U);
     for (std::size_t k = 0; k < numbers.size(); ++k)
         EXPECT_GT(numbers[k], k > 0 ? numbers[k - 1] : -1);

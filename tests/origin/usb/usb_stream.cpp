@@ -1,5 +1,6 @@
 #include "usb_stream.h"
 
+#include "VideoFiles.h"
 #include "media.h"
 
 #include <algorithm>
@@ -10,6 +11,16 @@ using peers::camera::Format;
 using peers::camera::Spec;
 using Quorvis::VelStream::StreamOutput;
 using Quorvis::VelStream::StreamProperty;
+
+void PrintTo(const Size& size, std::ostream* out)
+{
+    *out << size.width << "x" << size.height;
+}
+
+std::string name_of_size(const ::testing::TestParamInfo<Size>& test)
+{
+    return std::to_string(test.param.width) + "x" + std::to_string(test.param.height);
+}
 
 Spec usual_camera()
 {
@@ -55,6 +66,21 @@ std::string usb_entry(int width, int height, const std::string& more)
 std::optional<int> number_in(const Image& image)
 {
     return media::read_frame_number(image.data, image.width, image.height, 3U * static_cast<unsigned>(image.width));
+}
+
+std::vector<int> numbers_in_file(const std::string& path, Size size)
+{
+    const std::string frames = decode_with_ffmpeg(path, size.height);
+    const std::size_t stride = 3U * static_cast<std::size_t>(size.width);
+    // Some platforms' files have rows below the picture.
+    const std::size_t bytes = stride * static_cast<std::size_t>(probe_video(path).height);
+    EXPECT_EQ(frames.size() % bytes, 0U);
+    std::vector<int> numbers;
+    for (std::size_t offset = 0; offset + bytes <= frames.size(); offset += bytes) {
+        const auto* frame = reinterpret_cast<const std::uint8_t*>(&frames[offset]);
+        numbers.push_back(media::read_frame_number(frame, size.width, size.height, stride).value_or(-1));
+    }
+    return numbers;
 }
 
 std::vector<std::string> runner_lines()

@@ -8,6 +8,8 @@
 #include "StreamCall.h"
 #include "fake_camera.h"
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +18,19 @@
 namespace velstream::testing {
 
 inline const char* const kCamera = "/dev/velstream-camera";
+
+struct Size {
+    int width;
+    int height;
+};
+
+void PrintTo(const Size& size, std::ostream* out);
+
+/// A size as part of a test's name.
+std::string name_of_size(const ::testing::TestParamInfo<Size>& test);
+
+/// Rows of a multiple of 4 bytes, with two odd ones, and of high definition, all of which the usual camera offers.
+const auto kSizes = ::testing::Values(Size{640, 480}, Size{642, 362}, Size{1280, 720});
 
 /// As most cameras: raw frames first, JPEG in more sizes.
 peers::camera::Spec usual_camera();
@@ -35,6 +50,9 @@ std::string usb_entry(int width, int height, const std::string& more = {});
 
 /// The number in a frame's picture.
 std::optional<int> number_in(const Image& image);
+
+/// The numbers of the frames in a file, which ffmpeg decodes.
+std::vector<int> numbers_in_file(const std::string& path, Size size);
 
 /// The lines that come from the start call and the runner: the tap's are left out.
 std::vector<std::string> runner_lines();
