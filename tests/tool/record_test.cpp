@@ -180,6 +180,21 @@ TEST_F(RecordTool, RestartGoesOnWhenTheCameraIsBackAndKeepsWhatThereWas)
     EXPECT_EQ(pictures_in(joined), pictures);
 }
 
+TEST_F(RecordTool, KilledLosesTheLastTwoSegmentsAtMost)
+{
+    const peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
+    ASSERT_NE(camera.port(), 0);
+    configure(camera.url());
+    peers::ChildProcess tool = start("");
+    ASSERT_TRUE(wait_for_segments(5)) << said();
+    tool.kill_now();
+    tool.wait();
+    std::vector<fs::path> segments = segments_in(kFolder);
+    ASSERT_GE(segments.size(), 5U);
+    segments.resize(segments.size() - 2);
+    expect_all_play(segments);
+}
+
 TEST_F(RecordTool, RestartGoesOnWithACameraThatFellSilent)
 {
     peers::RtspPeer camera(RTSP_PEER, {"play", "--live"});
