@@ -33,6 +33,8 @@ if(CMAKE_BUILD_TYPE STREQUAL Release AND NOT VELSTREAM_SANITIZER)
     add_compile_options(-mbranch-protection=standard)
   endif()
   add_link_options(-Wl,-z,relro -Wl,-z,now)
+  # An installation cuts the build's folder out of what it copies, but not the room that its name took.
+  set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 endif()
 # ccache with a base_dir hands the compiler paths that are relative to the build folder.
 file(RELATIVE_PATH VELSTREAM_SOURCE_FROM_BUILD ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
