@@ -24,7 +24,7 @@ using HarnessPtr = std::unique_ptr<GstHarness, Releaser<gst_harness_teardown>>;
 using Samples = std::vector<SamplePtr>;
 
 constexpr GstClockTime kFrameDuration = GST_SECOND / 25;
-constexpr GstClockTime kPatience = 200 * GST_SECOND; // an emulated processor under load is that slow
+constexpr GstClockTime kPatience = 60 * VELSTREAM_SLOWNESS * GST_SECOND;
 
 class Gstreamer : public testing::Environment {
     void SetUp() override { gst_init(nullptr, nullptr); }

@@ -75,4 +75,16 @@ std::span<const uint8_t> AccessUnitCutter::next()
     return stream_.subspan(begin);
 }
 
+std::vector<uint8_t> as_broken_link(std::span<const uint8_t> unit)
+{
+    constexpr unsigned kCleanRandomAccess = 21; // H.265, table 7-1
+    constexpr unsigned kBrokenLink = 16;
+    std::vector<uint8_t> copy(unit.begin(), unit.end());
+    for (std::size_t header = find_header(copy, 0); header < copy.size(); header = find_header(copy, header)) {
+        if (read_nal_unit(copy, header).type == kCleanRandomAccess)
+            copy[header] = static_cast<uint8_t>((copy[header] & 0x81U) | kBrokenLink << 1U);
+    }
+    return copy;
+}
+
 } // namespace velstream::tool

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 namespace velstream::tool {
 
@@ -21,5 +22,10 @@ private:
     std::size_t begin_;  ///< of the next unit
     std::size_t header_; ///< of its first NAL unit; the stream's size at the end
 };
+
+/// A copy of a unit whose picture, if it is one for clean random access, is one behind a broken link. The first, the
+/// key frame of an open group of pictures, goes on with the order of those before it; the second begins anew, so that a
+/// decoder puts out what it holds. They differ in nothing but their type.
+std::vector<uint8_t> as_broken_link(std::span<const uint8_t> unit);
 
 } // namespace velstream::tool

@@ -246,27 +246,11 @@ private:
     std::span<const uint8_t> first_;
 };
 
-/// A key frame of an open group of pictures goes on with the order of those before it, and pushes nothing out. As the
-/// picture behind a splice (a broken link) it begins anew; the two differ in nothing but their type (H.265, 7.4.2.2).
-std::vector<uint8_t> beginning_anew(std::span<const uint8_t> key_unit)
-{
-    constexpr unsigned kCleanRandomAccess = 21;
-    constexpr unsigned kBrokenLink = 16;
-    std::vector<uint8_t> unit(key_unit.begin(), key_unit.end());
-    for (std::size_t i = 0; i + 3 < unit.size(); ++i) {
-        if (unit[i] != 0 || unit[i + 1] != 0 || unit[i + 2] != 1) continue;
-        uint8_t& header = unit[i + 3];
-        if (((header >> 1U) & 0x3FU) == kCleanRandomAccess)
-            header = static_cast<uint8_t>((header & 0x81U) | kBrokenLink << 1U);
-    }
-    return unit;
-}
-
 /// A decoder that reorders keeps its last frames until key frames push them out. Waits for them.
 void flush(std::span<const uint8_t> first_unit, int fps, const Counts& counts, FrameCounter& counter,
            ProgressLine& progress)
 {
-    const std::vector<uint8_t> key_unit = beginning_anew(first_unit);
+    const std::vector<uint8_t> key_unit = as_broken_link(first_unit);
     const long pts = static_cast<long>(counts.units) * kSecond / fps + 3600 * kSecond;
     counter.expect_flush(pts);
     for (long i = 0; i < kFlushUnits; ++i) {

@@ -18,11 +18,7 @@ using Quorvis::VelStream::FrameCallback;
 using Quorvis::VelStream::Image;
 
 /// For what must happen at all, on a machine that is busy.
-#ifdef VELSTREAM_SLOWNESS
 inline constexpr std::chrono::seconds kPatience{60 * VELSTREAM_SLOWNESS};
-#else
-inline constexpr std::chrono::seconds kPatience{60};
-#endif
 
 #ifdef __SANITIZE_THREAD__
 inline constexpr std::chrono::milliseconds kEndAfterStop{5000};
