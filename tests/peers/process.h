@@ -189,9 +189,10 @@ public:
 private:
     static std::vector<std::string> with_program(const std::string& program, std::vector<std::string> arguments)
     {
-        // One platform's library points the plug-in path of its process, the test, to a vendor's folder.
+        // One platform's library points the plug-in path of its process, the test, to a vendor's folder. A registry is
+        // of the plug-ins on a path: in the tests' the next test would miss the build's own.
         arguments.insert(arguments.begin(), {"env", "-u", "GST_PLUGIN_SYSTEM_PATH", "-u", "GST_PLUGIN_PATH", "-u",
-                                             "GST_PLUGIN_SCANNER", program});
+                                             "GST_PLUGIN_SCANNER", "GST_REGISTRY=" + program + ".registry", program});
         return arguments;
     }
 

@@ -266,6 +266,17 @@ TEST_F(Check, ElementsNamesThePlugInOfEach)
     EXPECT_EQ(output.status, output.text.find("missing") == std::string::npos ? 0 : 1);
 }
 
+TEST_F(Check, ElementsHaveThePlatformsDisplayWhereTheToolScansByItself)
+{
+    setenv("GST_REGISTRY", (folder_ / "registry.bin").c_str(), 1);
+    setenv("GST_REGISTRY_FORK", "no", 1);
+    for (const char* registry : {"scanned", "read"}) {
+        const Output output = run_command(std::string(TOOL_PATH) + " elements --elements software");
+        EXPECT_NE(output.text.find("waylandsink      found    velsoftware "), std::string::npos) << registry << "\n"
+                                                                                                 << output.text;
+    }
+}
+
 TEST_F(Check, ElementsThatAreMissingAreStatusOne)
 {
     setenv("GST_REGISTRY", (folder_ / "registry.bin").c_str(), 1);

@@ -48,12 +48,14 @@ bool has_device_elements()
     return is_device;
 }
 
-/// Loading it by name is what makes this process use its answer to "waylandsink" too.
+/// Loading it by name is what makes this process use its answer to "waylandsink" too. Where there is no helper that
+/// scans plug-ins, the scan has loaded it already, and the first of its elements does that.
 void load_plugin(const std::string& folder)
 {
     GstPlugin* plugin = gst_plugin_load_by_name(kPlugin);
     if (!plugin) throw UserError("The software elements are not installed; they were looked for in " + folder + ".");
     gst_object_unref(plugin);
+    const handles::ElementPtr first = handles::share(gst_element_factory_make(kDeviceElement, nullptr));
 }
 
 } // namespace

@@ -2,7 +2,10 @@
 
 #include "recording_log.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <cstdio>
 
 namespace velstream::testing {
 
@@ -34,6 +37,21 @@ std::vector<std::string> kept_lines(Function&& part)
     }
     return texts;
 }
+
+/// Behind a test that failed comes what the library logged in it: a failure that is rare is seen once.
+class LogOfFailures : public ::testing::EmptyTestEventListener {
+    void OnTestEnd(const ::testing::TestInfo& test) override
+    {
+        if (!test.result()->Failed()) return;
+        for (const std::string& line : all_log_lines())
+            std::printf("log: %s\n", line.c_str());
+    }
+};
+
+[[maybe_unused]] const bool is_listening = [] {
+    ::testing::UnitTest::GetInstance()->listeners().Append(new LogOfFailures);
+    return true;
+}();
 
 } // namespace
 
