@@ -1,4 +1,5 @@
 #include "clip.h"
+#include "patience.h"
 
 #include <gst/app/gstappsink.h>
 
@@ -11,7 +12,7 @@ namespace peers {
 
 namespace {
 
-constexpr GstClockTime kBound = 60 * GST_SECOND;
+constexpr GstClockTime kBound = velstream::testing::kPatience.count() * GST_SECOND;
 
 struct TrackKind {
     const char* media_type;

@@ -1,6 +1,7 @@
 // A headless Wayland compositor whose screen shows windows alone, without a panel, and pictures of it.
 #pragma once
 
+#include "patience.h"
 #include "process.h"
 #include "temporary_folder.h"
 
@@ -32,7 +33,7 @@ public:
             "--config=" + folder_.file("weston.ini"), "--log=" + folder_.file("weston.log"),
             "--width=" + std::to_string(width), "--height=" + std::to_string(height)});
         // The socket is there before anyone answers on it; a picture of the screen takes the whole compositor.
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        const auto end = std::chrono::steady_clock::now() + velstream::testing::kPatience;
         while (!is_ready_ && process_->is_running() && std::chrono::steady_clock::now() < end) {
             is_ready_ = std::filesystem::exists(folder_.file("wayland-1")) && !take_picture().empty();
             if (!is_ready_) std::this_thread::sleep_for(std::chrono::milliseconds(20)); // between two looks

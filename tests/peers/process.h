@@ -1,6 +1,8 @@
 // A child process of a test: a server, a tool. It ends with the object, and with the test whatever happens.
 #pragma once
 
+#include "patience.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -25,8 +27,6 @@ namespace peers {
 /// child with the thread that started it.
 class ChildProcess {
 public:
-    static constexpr std::chrono::milliseconds kBound = std::chrono::seconds(30);
-
     /// @param arguments  program (looked up in PATH) and its arguments. What cannot be started exits with 127.
     explicit ChildProcess(std::vector<std::string> arguments) { start(std::move(arguments)); }
     ~ChildProcess()
@@ -44,7 +44,7 @@ public:
     pid_t pid() const { return pid_; }
 
     /// Next line of the child's standard output, without its end. @return nothing at its end or after the bound.
-    std::optional<std::string> read_line(std::chrono::milliseconds bound = kBound)
+    std::optional<std::string> read_line(std::chrono::milliseconds bound = velstream::testing::kPatience)
     {
         const auto deadline = std::chrono::steady_clock::now() + bound;
         while (true) {
@@ -69,7 +69,8 @@ public:
     bool is_at_end() const { return is_at_end_; }
 
     /// Reads on to a line that begins with `beginning`. @return nothing when none comes within the bound.
-    std::optional<std::string> read_until(const std::string& beginning, std::chrono::milliseconds bound = kBound)
+    std::optional<std::string> read_until(const std::string& beginning,
+                                          std::chrono::milliseconds bound = velstream::testing::kPatience)
     {
         const auto deadline = std::chrono::steady_clock::now() + bound;
         while (std::optional<std::string> line = read_line(remaining(deadline))) {
@@ -85,7 +86,7 @@ public:
     void interrupt() { send_signal(SIGINT); }  ///< as Ctrl-C does
 
     /// Waits for its end. @return exit code, or 128 + the signal that ended it; nothing after the bound.
-    std::optional<int> wait(std::chrono::milliseconds bound = kBound)
+    std::optional<int> wait(std::chrono::milliseconds bound = velstream::testing::kPatience)
     {
         if (!status_ && wait_readable(exit_event_, std::chrono::steady_clock::now() + bound)) reap(0);
         return status_;

@@ -1,5 +1,6 @@
 // The software decoders and encoders, each alone in a harness; libav's own decoder and ffprobe are the judges.
 #include "gst_handles.h"
+#include "patience.h"
 
 #include <gst/app/gstappsink.h>
 #include <gst/check/gstharness.h>
@@ -24,7 +25,7 @@ using HarnessPtr = std::unique_ptr<GstHarness, Releaser<gst_harness_teardown>>;
 using Samples = std::vector<SamplePtr>;
 
 constexpr GstClockTime kFrameDuration = GST_SECOND / 25;
-constexpr GstClockTime kPatience = 60 * VELSTREAM_SLOWNESS * GST_SECOND;
+constexpr GstClockTime kPatience = velstream::testing::kPatience.count() * GST_SECOND;
 
 class Gstreamer : public testing::Environment {
     void SetUp() override { gst_init(nullptr, nullptr); }

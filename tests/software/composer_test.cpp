@@ -1,3 +1,4 @@
+#include "patience.h"
 #include "video_frames.h"
 
 #include <gst/app/gstappsink.h>
@@ -18,7 +19,7 @@ protected:
 };
 
 constexpr GstClockTime kFrameTime = 40 * GST_MSECOND;
-constexpr GstClockTime kPatience = 30 * GST_SECOND;
+constexpr GstClockTime kPatience = velstream::testing::kPatience.count() * GST_SECOND;
 
 BufferPtr timed(BufferPtr buffer, guint64 number, GstClockTime duration = kFrameTime)
 {

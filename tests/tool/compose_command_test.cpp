@@ -1,4 +1,5 @@
 // "velstream compose": what is said of a layout, and a run that Ctrl+C ends.
+#include "patience.h"
 #include "process.h"
 #include "tool_fixture.h"
 
@@ -94,7 +95,7 @@ TEST_F(Compose, CtrlCLeavesAPlayableFile)
     peers::ChildProcess tool({"sh", "-c",
                               std::string("exec ") + TOOL_PATH + " compose " + layout() +
                                   " --elements software --json 2> " + (folder_ / "stderr").string()});
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto deadline = std::chrono::steady_clock::now() + velstream::testing::kPatience;
     std::error_code error;
     while (std::filesystem::file_size(file, error) < 50000 || error) { // a fragment or two
         ASSERT_LT(std::chrono::steady_clock::now(), deadline) << stderr_text();

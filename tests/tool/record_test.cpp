@@ -1,4 +1,5 @@
 // Recording and joining with the tool. /tmp/rolling is the test's own.
+#include "patience.h"
 #include "process.h"
 #include "tool_fixture.h"
 
@@ -39,7 +40,7 @@ std::vector<fs::path> set_aside_folders()
 
 bool wait_until(const std::function<bool()>& condition)
 {
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    const auto deadline = Clock::now() + velstream::testing::kPatience;
     while (!condition() && Clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     return condition();

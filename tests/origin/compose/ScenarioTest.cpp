@@ -1,4 +1,5 @@
 #include "ScenarioTest.h"
+#include "patience.h"
 
 #include "RecordedLog.h"
 #include "StreamCall.h"
@@ -106,7 +107,7 @@ bool Scenario::logs(const std::string& beginning, const std::string& part)
 
 void Scenario::wait_for_box(EngineCall& call) const
 {
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    const auto deadline = Clock::now() + kPatience;
     std::size_t looked_at = 0;
     while (Clock::now() < deadline && !call.wait_for_end(std::chrono::milliseconds(50))) {
         const std::size_t fragments = count_fragments(file_);

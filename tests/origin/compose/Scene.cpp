@@ -142,7 +142,7 @@ long frames_in_fragments(const std::string& path)
 bool wait_for_fragments(const std::string& path, std::size_t count,
                         const std::function<bool(std::chrono::milliseconds)>& has_ended)
 {
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    const auto deadline = Clock::now() + kPatience;
     while (Clock::now() < deadline) {
         if (count_fragments(path) >= count) return true;
         if (has_ended(std::chrono::milliseconds(50))) return false; // and a pause between two looks
@@ -157,7 +157,7 @@ bool wait_for_fragments(const std::string& path, std::size_t count, EngineCall& 
 
 std::size_t wait_for_whole_fragments(const std::string& path, std::size_t count, EngineCall& call)
 {
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    const auto deadline = Clock::now() + kPatience;
     while (Clock::now() < deadline) {
         const std::string bytes = read_bytes(path);
         std::size_t fragments = 0;

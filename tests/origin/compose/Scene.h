@@ -3,6 +3,7 @@
 
 #include "Command.h"
 #include "ConfigFile.h"
+#include "patience.h"
 #include "process.h"
 #include "velstream.h"
 
@@ -63,7 +64,7 @@ public:
     EngineCall(const EngineCall&) = delete;
     EngineCall& operator=(const EngineCall&) = delete;
     /// @return false when it still runs after the bound.
-    bool wait_for_end(std::chrono::milliseconds bound = std::chrono::seconds(60));
+    bool wait_for_end(std::chrono::milliseconds bound = kPatience);
     int result() { return result_.get(); }
 
 private:

@@ -196,7 +196,7 @@ Gate::~Gate()
 {
     open();
     std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(60), [] { return alive == 0; }));
+    EXPECT_TRUE(changed.wait_for(lock, kPatience, [] { return alive == 0; }));
 }
 
 bool Gate::wait_until_held(std::chrono::seconds bound)

@@ -2,6 +2,8 @@
 // start.
 #pragma once
 
+#include "patience.h"
+
 #include <glib-object.h>
 
 #include <chrono>
@@ -19,7 +21,7 @@ public:
     Gate& operator=(const Gate&) = delete;
 
     /// Waits until an element is held. @return false after the bound.
-    static bool wait_until_held(std::chrono::seconds bound = std::chrono::seconds(60));
+    static bool wait_until_held(std::chrono::seconds bound = kPatience);
 };
 
 /// Type of a push with a "location" that takes no more than this many buffers: the next one holds its thread, and its

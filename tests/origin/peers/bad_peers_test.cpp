@@ -7,6 +7,7 @@
 #include "StreamInput.h"
 #include "StreamOutput.h"
 #include "frame_numbers.h"
+#include "patience.h"
 #include "process.h"
 #include "rtmp_server.h"
 #include "silent_server.h"
@@ -32,7 +33,7 @@ long entries_of(const char* folder)
 /// after a generous time.
 long settled(const char* folder, long bound)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto end = std::chrono::steady_clock::now() + kPatience;
     long entries = entries_of(folder);
     while (entries > bound && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));

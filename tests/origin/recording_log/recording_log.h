@@ -2,6 +2,8 @@
 // trailing newline included. With VELSTREAM_TEST_LOG=1 the lines are also written to standard error.
 #pragma once
 
+#include "patience.h"
+
 #include <chrono>
 #include <cstddef>
 #include <string>
@@ -33,7 +35,7 @@ std::vector<std::string> texts(int min_level = 0);
 /// Lines with exactly this text.
 std::size_t count(const std::string& text);
 /// Waits for a line that contains this text. @return false after the bound.
-bool wait_for(const std::string& text, std::chrono::milliseconds bound = std::chrono::seconds(30));
+bool wait_for(const std::string& text, std::chrono::milliseconds bound = velstream::testing::kPatience);
 void clear();
 
 std::vector<LevelCall> level_calls();

@@ -1,6 +1,7 @@
 // The commands around the merge script. Its place, /usr/local/bin, is an empty folder of the test's own.
 #include "FakeProgram.h"
 #include "RecordedLog.h"
+#include "patience.h"
 #include "velstream.h"
 #include "velstreamRolling.h"
 
@@ -32,7 +33,7 @@ const char* const kMergeOfCam = "root 42 1 0 10:00 ? 00:00:00 python3 /usr/local
 
 bool wait_for_file(const FakeProgram& program, const std::string& file)
 {
-    const auto deadline = Clock::now() + std::chrono::seconds(30);
+    const auto deadline = Clock::now() + kPatience;
     while (!program.has_written(file) && Clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     return program.has_written(file);

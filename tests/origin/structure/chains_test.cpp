@@ -4,6 +4,7 @@
 #include "StreamBuild.h"
 #include "StreamInput.h"
 #include "StreamOutput.h"
+#include "patience.h"
 #include "test_platform.h"
 
 #include <gtest/gtest.h>
@@ -18,7 +19,6 @@ using namespace velstream::testing;
 
 namespace {
 
-constexpr std::chrono::seconds kBound{30};
 const char* const kThen = " > ";
 const char* const kOnceItsPadsAppear = " >> ";
 
@@ -137,8 +137,8 @@ std::string conversion(StreamOutput* output)
     };
     auto result = std::async(std::launch::async, [&] { return startStream(&input, output, "cam", callback); });
     auto drawn = chain.get_future();
-    const bool came = drawn.wait_for(kBound) == std::future_status::ready;
-    result.wait_for(kBound);
+    const bool came = drawn.wait_for(kPatience) == std::future_status::ready;
+    result.wait_for(kPatience);
     return came ? drawn.get() : "no frame";
 }
 

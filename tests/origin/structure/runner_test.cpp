@@ -3,6 +3,7 @@
 #include "Elements.h"
 #include "RecordedLog.h"
 #include "StreamBuild.h"
+#include "patience.h"
 #include "test_platform.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +22,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-constexpr std::chrono::seconds kBound{30};
 const char* const kRegistration = "I Registration pipeline for stream id: cam";
 const char* const kFakesinkLine = "I streamOutput is set to fakesink due to streamOutput is nullptr.";
 const char* const kConfigurationLine = "I Start to get configuration properties for stream id: cam.";
@@ -137,18 +137,18 @@ protected:
             frames_.push_back(image);
             if (frames_.size() > 1) return int8_t{0};
             first_frame.set_value();
-            opened.wait_for(kBound);
+            opened.wait_for(kPatience);
             return int8_t{0};
         };
         auto result = std::async(std::launch::async, [&] { return startStream(input, output, "cam", callback); });
         if (look) {
-            EXPECT_EQ(first_frame.get_future().wait_for(kBound), std::future_status::ready);
+            EXPECT_EQ(first_frame.get_future().wait_for(kPatience), std::future_status::ready);
             const ElementPtr pipeline(GST_ELEMENT(gst_object_ref(pipeline_map.at("cam"))));
             EXPECT_EQ(pipeline_s, pipeline.get());
             look(pipeline.get());
         }
         gate.set_value();
-        EXPECT_EQ(result.wait_for(kBound), std::future_status::ready);
+        EXPECT_EQ(result.wait_for(kPatience), std::future_status::ready);
         return result.get();
     }
 

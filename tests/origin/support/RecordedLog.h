@@ -1,6 +1,8 @@
 // What the library has logged in this process.
 #pragma once
 
+#include "patience.h"
+
 #include <chrono>
 #include <string>
 #include <utility>
@@ -22,7 +24,7 @@ bool log_has(const std::string& line);
 long log_count(const std::string& line);
 
 /// Waits until a line was logged. @return false after the bound, which is generous.
-bool wait_for_log(const std::string& line, std::chrono::seconds bound = std::chrono::seconds(30));
+bool wait_for_log(const std::string& line, std::chrono::seconds bound = kPatience);
 
 void clear_log();
 

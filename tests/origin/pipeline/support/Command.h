@@ -1,6 +1,8 @@
 // Running another program.
 #pragma once
 
+#include "patience.h"
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -13,8 +15,7 @@ struct CommandResult {
 };
 
 /// Runs a program to its end; one that takes longer than the bound is killed.
-CommandResult run_command(const std::vector<std::string>& arguments,
-                          std::chrono::seconds bound = std::chrono::seconds(100));
+CommandResult run_command(const std::vector<std::string>& arguments, std::chrono::seconds bound = kPatience);
 
 /// Value of the first "key=value" line in a program's output, or empty.
 std::string value_of(const std::string& output, const std::string& key);

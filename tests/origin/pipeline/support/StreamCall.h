@@ -1,6 +1,7 @@
 // A call that starts a stream, on a thread of its own, and what came of it.
 #pragma once
 
+#include "patience.h"
 #include "velstream.h"
 
 #include <gtest/gtest.h>
@@ -16,9 +17,6 @@ namespace velstream::testing {
 
 using Quorvis::VelStream::FrameCallback;
 using Quorvis::VelStream::Image;
-
-/// For what must happen at all, on a machine that is busy.
-inline constexpr std::chrono::seconds kPatience{60 * VELSTREAM_SLOWNESS};
 
 #ifdef __SANITIZE_THREAD__
 inline constexpr std::chrono::milliseconds kEndAfterStop{5000};

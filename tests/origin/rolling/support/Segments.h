@@ -3,6 +3,7 @@
 
 #include "ConfigFile.h"
 #include "StreamCall.h"
+#include "patience.h"
 
 #include <chrono>
 #include <string>
@@ -18,7 +19,7 @@ std::vector<std::string> segments_of(const std::string& id);
 
 /// Waits until this many segments are there, the last of which is being written.
 ::testing::AssertionResult wait_for_segments(const std::string& id, std::size_t count,
-                                             std::chrono::seconds bound = std::chrono::seconds(60));
+                                             std::chrono::seconds bound = kPatience);
 
 /// Every one of them is a complete file, and the pictures in them are those of the camera, one after the other.
 void expect_complete(const std::vector<std::string>& segments, const std::string& codec = "h264");

@@ -1,0 +1,11 @@
+// How long the tests wait.
+#pragma once
+
+#include <chrono>
+
+namespace velstream::testing {
+
+/// For what must happen at all, on a machine that is busy, or that is emulated.
+inline constexpr std::chrono::seconds kPatience{60 * VELSTREAM_SLOWNESS};
+
+} // namespace velstream::testing
