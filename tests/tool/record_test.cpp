@@ -215,6 +215,21 @@ TEST_F(RecordTool, RestartGoesOnWithACameraThatFellSilent)
     expect_all_play(segments_in(set_aside_folders().front()));
 }
 
+TEST_F(RecordTool, RestartAsksACameraAnewThatNeverSendsAPacket)
+{
+    peers::ChildProcess camera({"python3", MUTE_CAMERA});
+    const std::optional<std::string> line = camera.read_until("port=");
+    ASSERT_TRUE(line);
+    configure("rtsp://127.0.0.1:" + line->substr(5) + "/mute");
+    peers::ChildProcess tool = start("--restart --stall-timeout 3 --json");
+    ASSERT_TRUE(camera.read_until("PLAY")) << said();
+    ASSERT_TRUE(camera.read_until("PLAY")) << said();
+    tool.interrupt();
+    EXPECT_EQ(tool.wait(), 1) << said();
+    EXPECT_NE(said().find("velstream: nothing of cam was written for 3 s.\n"), std::string::npos) << said();
+    EXPECT_GE(results()["recordings"].asInt(), 2);
+}
+
 TEST_F(RecordTool, CameraThatIsOffIsAFailure)
 {
     configure("rtsp://127.0.0.1:1/off");

@@ -215,6 +215,12 @@ void add_record(CLI::App& app, Action& action)
     record->add_flag("--restart", options->is_restarting,
                      "Begin again when the camera has gone away, after 1, 2, 4, ... 30 s; earlier segments are set "
                      "aside");
+    record
+        ->add_option("--stall-timeout", options->stall_timeout,
+                     "With --restart, begin again when nothing was written for this many seconds")
+        ->check(CLI::PositiveNumber)
+        ->type_name("SECONDS")
+        ->capture_default_str();
     record->add_flag("--json", options->is_json, "Print one JSON object at the end, and nothing else, on stdout");
     record->add_option("--log-level", options->log_level, "What the library logs on stderr")
         ->check(CLI::IsMember({"info", "warning", "error", "none"}))

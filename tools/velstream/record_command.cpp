@@ -28,9 +28,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kTerminalInterval{1}; // each look reads the whole folder
-constexpr std::chrono::seconds kStopInterval{1};     // a recording that was just starting hears the next stop
-constexpr double kSilence = 8.0;                     // seconds without a byte that are worth a word
+constexpr std::chrono::seconds kLookInterval{1}; // each look reads the whole folder
+constexpr std::chrono::seconds kStopInterval{1}; // a recording that was just starting hears the next stop
+constexpr double kSilence = 8.0;                 // seconds without a byte that are worth a word
 constexpr std::chrono::seconds kFirstPause{1};
 constexpr std::chrono::seconds kLongestPause{30};
 
@@ -62,27 +62,36 @@ private:
     std::thread thread_;
 };
 
-/// What is said of a recording while it runs.
+/// What a recording has written so far.
 class RecordingStatus {
 public:
-    std::string describe(const std::string& id, const SegmentCount& segments, Clock::time_point start)
+    void look(const RollingFolder& folder)
     {
-        if (segments.bytes != bytes_) last_change_ = Clock::now();
-        bytes_ = segments.bytes;
+        if (Clock::now() < next_look_) return;
+        next_look_ = Clock::now() + kLookInterval;
+        const SegmentCount segments = folder.segments();
+        if (segments.bytes != segments_.bytes) last_change_ = Clock::now();
+        segments_ = segments;
+    }
+    double silence() const { return seconds_since(last_change_); } ///< seconds without a byte
+    std::string describe(const std::string& id) const
+    {
         char text[96];
-        std::snprintf(text, sizeof text, ": %zu segments, %.1f MB, %.0f s", segments.files,
-                      static_cast<double>(segments.bytes) / 1e6, seconds_since(start));
+        std::snprintf(text, sizeof text, ": %zu segments, %.1f MB, %.0f s", segments_.files,
+                      static_cast<double>(segments_.bytes) / 1e6, seconds_since(start_));
         std::string line = id + text;
-        if (seconds_since(last_change_) > kSilence) {
-            std::snprintf(text, sizeof text, ", nothing written for %.0f s", seconds_since(last_change_));
+        if (silence() > kSilence) {
+            std::snprintf(text, sizeof text, ", nothing written for %.0f s", silence());
             line += text;
         }
         return line;
     }
 
 private:
-    Clock::time_point last_change_ = Clock::now();
-    uintmax_t bytes_ = 0;
+    Clock::time_point start_ = Clock::now();
+    Clock::time_point last_change_ = start_;
+    Clock::time_point next_look_ = start_;
+    SegmentCount segments_;
 };
 
 /// A recording, or one after the other.
@@ -148,19 +157,25 @@ bool Recorder::prepare_folder() const
 void Recorder::record()
 {
     RecordingStatus status;
-    ProgressLine progress(kTerminalInterval);
-    const auto start = Clock::now();
-    auto next_stop = start;
+    ProgressLine progress(kLookInterval);
+    auto next_stop = Clock::now();
+    bool is_stalled = false;
     RecordingCall call(options_.id, waker_);
     ++recordings_;
     while (!call.is_ended()) {
-        if (Clock::now() >= next_stop && is_stop_due()) {
-            is_stopped_ = true;
+        status.look(folder_);
+        if (!is_stalled && options_.is_restarting && status.silence() > options_.stall_timeout) {
+            std::fprintf(stderr, "velstream: nothing of %s was written for %.0f s.\n", options_.id.c_str(),
+                         status.silence());
+            is_stalled = true;
+        }
+        if (Clock::now() >= next_stop && (is_stalled || is_stop_due())) {
+            is_stopped_ = is_stop_due();
             Quorvis::VelStream::gstreamer_pipeline_shutdown("all_stream");
             next_stop = Clock::now() + kStopInterval;
             continue;
         }
-        if (progress.is_due()) progress.show(status.describe(options_.id, folder_.segments(), start));
+        if (progress.is_due()) progress.show(status.describe(options_.id));
         waker_.wait_for(ProgressLine::kInterval);
     }
     progress.finish();

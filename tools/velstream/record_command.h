@@ -10,6 +10,7 @@ struct RecordOptions {
     std::string config;
     double duration = 0; ///< seconds; 0 for no limit
     bool is_restarting = false;
+    double stall_timeout = 60; ///< seconds without a byte after which a restarting recording begins again
     bool is_json = false;
     std::string elements = "auto";
     std::string log_level = "warning";
