@@ -165,8 +165,8 @@ void Recorder::record()
     while (!call.is_ended()) {
         status.look(folder_);
         if (!is_stalled && options_.is_restarting && status.silence() > options_.stall_timeout) {
-            std::fprintf(stderr, "velstream: nothing of %s was written for %.0f s.\n", options_.id.c_str(),
-                         status.silence());
+            std::fprintf(stderr, "velstream: nothing of %s was written for %g s.\n", options_.id.c_str(),
+                         options_.stall_timeout);
             is_stalled = true;
         }
         if (Clock::now() >= next_stop && (is_stalled || is_stop_due())) {
