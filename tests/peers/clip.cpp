@@ -1,4 +1,5 @@
 #include "clip.h"
+
 #include "patience.h"
 
 #include <gst/app/gstappsink.h>

@@ -230,6 +230,13 @@ TEST_F(RecordTool, RestartAsksACameraAnewThatNeverSendsAPacket)
     EXPECT_GE(results()["recordings"].asInt(), 2);
 }
 
+TEST_F(RecordTool, StallTimeoutWithoutRestartIsWrongUsage)
+{
+    configure("rtsp://127.0.0.1:1/off");
+    EXPECT_EQ(run_software("record cam --stall-timeout 3").status, 2);
+    EXPECT_NE(stderr_text().find("--restart"), std::string::npos) << stderr_text();
+}
+
 TEST_F(RecordTool, CameraThatIsOffIsAFailure)
 {
     configure("rtsp://127.0.0.1:1/off");

@@ -212,12 +212,14 @@ void add_record(CLI::App& app, Action& action)
     record->add_option("--duration", options->duration, "Stop after this many seconds")
         ->check(CLI::PositiveNumber)
         ->type_name("SECONDS");
-    record->add_flag("--restart", options->is_restarting,
-                     "Begin again when the camera has gone away, after 1, 2, 4, ... 30 s; earlier segments are set "
-                     "aside");
+    CLI::Option* restart =
+        record->add_flag("--restart", options->is_restarting,
+                         "Begin again when the camera has gone away, after 1, 2, 4, ... 30 s; earlier segments are set "
+                         "aside");
     record
         ->add_option("--stall-timeout", options->stall_timeout,
                      "With --restart, begin again when nothing was written for this many seconds")
+        ->needs(restart)
         ->check(CLI::PositiveNumber)
         ->type_name("SECONDS")
         ->capture_default_str();

@@ -165,6 +165,7 @@ void Recorder::record()
     while (!call.is_ended()) {
         status.look(folder_);
         if (!is_stalled && options_.is_restarting && status.silence() > options_.stall_timeout) {
+            progress.finish();
             std::fprintf(stderr, "velstream: nothing of %s was written for %g s.\n", options_.id.c_str(),
                          options_.stall_timeout);
             is_stalled = true;

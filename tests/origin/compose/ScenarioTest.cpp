@@ -1,8 +1,8 @@
 #include "ScenarioTest.h"
-#include "patience.h"
 
 #include "RecordedLog.h"
 #include "StreamCall.h"
+#include "patience.h"
 #include "square_detector.h"
 
 #include <gst/gst.h>

@@ -353,6 +353,7 @@ void load_software_elements()
     GstPlugin* plugin = gst_plugin_load_by_name("velsoftware");
     EXPECT_NE(plugin, nullptr);
     gst_clear_object(&plugin);
+    // Where the test itself has scanned the plug-in, loading it did nothing: the first of its elements takes the name.
     const ElementPtr first = share(gst_element_factory_make("qtivtransform", nullptr));
 }
 
